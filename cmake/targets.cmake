@@ -1,0 +1,26 @@
+# One library per floor: a library may link only what stands below it, so that a wrong include does not link.
+# Sets KV_SCOPE to the scope its links take (a floor without a source yet is an interface library).
+function(kv_add_library name)
+  if(ARGN)
+    add_library(${name} STATIC ${ARGN})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    set(KV_SCOPE PUBLIC PARENT_SCOPE)
+  else()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    set(KV_SCOPE INTERFACE PARENT_SCOPE)
+  endif()
+endfunction()
+
+# A GoogleTest program from every *_test.cpp of the calling folder.
+function(kv_add_folder_test name)
+  cmake_parse_arguments(ARG "" "" "LIBS;EXTRA" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name} ${sources} ${ARG_EXTRA})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} kv_test_support GTest::gmock GTest::gtest GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,84 @@
+#include "common/kv_json.h"
+
+#include <climits>
+#include <cstring>
+
+#include "logging/log-helper.h"
+
+kv_json_ptr kv_json_parse(std::string_view text, const char* function, const char* unit, int line) {
+  const kv_json_tokener_ptr tokener{json_tokener_new_ex(KV_JSON_MAX_DEPTH)};
+  if (!tokener) {
+    log_log(KV_LOG_LEVEL_ERROR, function, unit, line, "Failed to create JSON tokener");
+    return nullptr;
+  }
+  if (text.size() >= INT_MAX) {
+    log_log(KV_LOG_LEVEL_ERROR, function, unit, line,
+            "Failed to parse JSON. Errorcode: %s. JSON: \n",
+            json_tokener_error_desc(json_tokener_error_size));
+    return nullptr;
+  }
+  kv_json_ptr object{
+      json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size()))};
+  json_tokener_error error = json_tokener_get_error(tokener.get());
+  if (error == json_tokener_continue) {
+    // The text may be a whole document that only lacks its end mark (a bare number), or be cut
+    // short.
+    object.reset(json_tokener_parse_ex(tokener.get(), "", 1));
+    error = json_tokener_get_error(tokener.get());
+  }
+  if (error != json_tokener_success || !object) {
+    log_log(KV_LOG_LEVEL_ERROR, function, unit, line,
+            "Failed to parse JSON. Errorcode: %s. JSON: \n", json_tokener_error_desc(error));
+    return nullptr;
+  }
+  return object;
+}
+
+kv_json_presence kv_json_get_text(json_object* object, const char* key, std::string& out) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(object, key, &value)) {
+    return kv_json_presence::absent;
+  }
+  const char* text = json_object_get_string(value);
+  if (text == nullptr || *text == '\0') {
+    return kv_json_presence::empty;
+  }
+  out.assign(text);
+  return kv_json_presence::present;
+}
+
+std::string kv_json_presence_message(kv_json_presence presence, const char* key) {
+  switch (presence) {
+    case kv_json_presence::absent:
+      return std::string("Failed to read ") + key + " from JSON";
+    case kv_json_presence::empty:
+      return std::string("Key ") + key + " found, but value is empty";
+    case kv_json_presence::present:
+      break;
+  }
+  return {};
+}
+
+bool kv_json_get_int(json_object* object, const char* key, std::int32_t& out) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(object, key, &value)) {
+    return false;
+  }
+  out = json_object_get_int(value);
+  return true;
+}
+
+bool kv_json_get_int64(json_object* object, const char* key, std::int64_t& out) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(object, key, &value)) {
+    return false;
+  }
+  out = json_object_get_int64(value);
+  return true;
+}
+
+kv_text_ptr kv_json_print(json_object* object, int flags) {
+  std::size_t length = 0;
+  const char* text = json_object_to_json_string_length(object, flags, &length);
+  return kv_text_ptr{text == nullptr ? nullptr : strndup(text, length)};
+}
