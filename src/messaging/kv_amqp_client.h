@@ -6,6 +6,7 @@
 
 #include <json-c/json.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -51,6 +52,27 @@ using kv_amqp_config_ptr = std::unique_ptr<kv_amqp_config, kv_free_address<kv_am
 void kv_amqp_stop_services(kv_amqp_config* config, std::uint32_t limit_ms);
 // Ends the transports within 2 s, broker or no broker. Null is allowed.
 void kv_amqp_deinit(kv_amqp_config* config);
+
+// While an object of this class lives, requests of the calling thread end as failed within 250 ms
+// of *stop becoming non-zero: neither a wait (for credit or a reply) nor another attempt goes on.
+// For callers that ask without limit until the process ends.
+inline thread_local const std::atomic<std::int32_t>* kv_amqp_stop_flag = nullptr;
+[[nodiscard]] inline bool kv_amqp_stop_requested() noexcept {
+  return kv_amqp_stop_flag != nullptr && kv_amqp_stop_flag->load(std::memory_order_relaxed) != 0;
+}
+class kv_amqp_stop_scope {
+ public:
+  explicit kv_amqp_stop_scope(const std::atomic<std::int32_t>* stop) noexcept
+      : previous_(kv_amqp_stop_flag) {
+    kv_amqp_stop_flag = stop;
+  }
+  ~kv_amqp_stop_scope() { kv_amqp_stop_flag = previous_; }
+  kv_amqp_stop_scope(const kv_amqp_stop_scope&) = delete;
+  kv_amqp_stop_scope& operator=(const kv_amqp_stop_scope&) = delete;
+
+ private:
+  const std::atomic<std::int32_t>* previous_;
+};
 
 // Sends a JSON request to a service and returns the parsed reply (the caller releases it), or null.
 // retries of n makes n + 1 attempts at most. error_text may be null, else KV_ERROR_TEXT_SIZE bytes.

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "messaging/kv_amqp_client.h"
 
@@ -38,8 +39,16 @@ enum kv_command : std::int32_t {
   KV_COMMAND_EVENT = 501,
 };
 
-// Process-wide termination flag: 0 while running.
-extern std::atomic<std::int32_t> killed;
+// Process-wide termination flag: 0 while running. Set by the signal handler, by a verified shutdown
+// request and by the shutdown itself; read by every thread's loop without a lock (relaxed: it
+// orders nothing).
+inline std::atomic<std::int32_t> killed{0};
+[[nodiscard]] inline bool kv_is_killed() noexcept {
+  return killed.load(std::memory_order_relaxed) != 0;
+}
+
+// Descriptor of ".update.lock" in the worker directory, opened by main; -1 while it is not open.
+inline int update_lockfile = -1;
 
 struct kv_update_config_t {
   std::uint8_t update_binary;
@@ -57,6 +66,7 @@ struct kv_worker_network_config_t {
 
 struct kv_update_thread_args_t;
 
+// All texts are owned and come from the C allocator.
 struct kv_worker_config_t {
   char* basedir;
   char* tempdir;
@@ -86,6 +96,28 @@ struct kv_worker_config_t {
   char* activation_secret;
   kv_log_dispatcher* log_dispatcher;
   char** argv;
+};
+
+// What the update thread is to do, and how far an update has come.
+enum kv_update_target : std::int32_t { KV_UPDATE_TARGET_RUN = 2, KV_UPDATE_TARGET_END = 6 };
+enum kv_update_state : std::int32_t {
+  KV_UPDATE_IDLE = 0,
+  KV_UPDATE_INSTALLING = 1,
+  KV_UPDATE_READY = 2,       // a new version is ready to activate
+  KV_UPDATE_ACTIVATING = 3,  // a temporary worker is on its way
+  KV_UPDATE_ACTIVATED = 4,   // it has announced itself; the restart can follow
+};
+
+// The update thread's block, shared by main, the update thread and the control handler.
+struct kv_update_thread_args_t {
+  std::uint32_t reserved;                   // 0
+  std::atomic<std::int32_t> target_status;  // written by main
+  kv_worker_config_t* config;               // borrowed
+  std::atomic<std::int32_t> update_state;   // written by update thread, main, control handler
+  char* new_version;                        // path of the new version, owned
+  std::mutex handover;                      // guards the two texts below
+  char* shutdown_target;                    // address of the temporary worker, owned
+  char* shutdown_secret;                    // the temporary worker's own secret, owned
 };
 
 // The shared parameter block, handed to global init, every worker thread, the control handler,
