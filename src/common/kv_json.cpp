@@ -35,6 +35,16 @@ kv_json_ptr kv_json_parse(std::string_view text, const char* function, const cha
 }
 
 kv_json_presence kv_json_get_text(json_object* object, const char* key, std::string& out) {
+  const char* text = nullptr;
+  const kv_json_presence presence = kv_json_find_text(object, key, text);
+  if (presence == kv_json_presence::present) {
+    out.assign(text);
+  }
+  return presence;
+}
+
+kv_json_presence kv_json_find_text(json_object* object, const char* key, const char*& out) {
+  out = nullptr;
   json_object* value = nullptr;
   if (!json_object_object_get_ex(object, key, &value)) {
     return kv_json_presence::absent;
@@ -43,7 +53,7 @@ kv_json_presence kv_json_get_text(json_object* object, const char* key, std::str
   if (text == nullptr || *text == '\0') {
     return kv_json_presence::empty;
   }
-  out.assign(text);
+  out = text;
   return kv_json_presence::present;
 }
 

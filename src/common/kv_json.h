@@ -32,6 +32,10 @@ inline constexpr int KV_JSON_MAX_DEPTH = 32;
 [[nodiscard]] kv_json_presence kv_json_get_text(json_object* object, const char* key,
                                                 std::string& out);
 
+// The same without a copy: the text stays the object's. Null, never empty, when it is not there.
+[[nodiscard]] kv_json_presence kv_json_find_text(json_object* object, const char* key,
+                                                 const char*& out);
+
 // Message of a required text that is not there: "Failed to read %s from JSON" or "Key %s found, but
 // value is empty". Empty for a text that is present.
 [[nodiscard]] std::string kv_json_presence_message(kv_json_presence presence, const char* key);
