@@ -1,0 +1,113 @@
+#include "suite_run.h"
+
+#include <unistd.h>
+#include <csignal>
+
+#include <iostream>
+#include <stdexcept>
+
+#include "broker.h"
+#include "file_helpers.h"
+#include "line_printer.h"
+#include "suite_folder.h"
+
+namespace kv_suite {
+namespace {
+
+sigset_t s_block_end_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // inherited by every thread that follows
+  std::signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
+
+broker_config s_broker_config(const run_options& options, const suite_folder& folder) {
+  const std::size_t colon = options.listen.rfind(':');
+  if (colon == std::string::npos || colon + 1 == options.listen.size()) {
+    throw std::runtime_error("--listen wants HOST:PORT, not " + options.listen);
+  }
+  broker_config config;
+  config.host = options.listen.substr(0, colon);
+  config.port = options.listen.substr(colon + 1);
+  if (!options.plain) {
+    make_certificates(folder.certificates());
+    config.certificate_path = folder.certificates().certificate;
+    config.key_path = folder.certificates().key;
+  }
+  return config;
+}
+
+// Name under which clients reach the listener; the certificate is made for it.
+std::string s_client_host(const std::string& host) {
+  return host == "127.0.0.1" || host == "0.0.0.0" || host == "::" ? "localhost" : host;
+}
+
+std::string s_first_screen(const run_options& options, const suite_folder& folder,
+                           const std::string& host, const std::string& port) {
+  const std::string url =
+      (options.plain ? "amqp://" : "amqps://") + s_client_host(host) + ":" + port;
+  const std::string certificate =
+      options.plain ? "" : " --broker-cert " + folder.certificates().authority;
+  return "kv-av-suite listens on " + host + ":" + port +
+         (options.plain ? " (AMQP 1.0, plain TCP: for measurements only)\n"
+                        : " (AMQP 1.0, TLS)\n") +
+         "  folder    " + folder.path() + "\n" + "  user      " + options.user + ", password in " +
+         folder.password_file() + "\n" +
+         "  a worker  kv-av-activecontent --console-mode --basedir DIR --broker " + url +
+         " --broker-user " + options.user + " --broker-password \"$(cat " + folder.password_file() +
+         ")\"" + certificate + "\n" + "  a scan    kv-av-scan --dir " + folder.path() +
+         " FILE...\n" +
+         "This is no production broker: it keeps messages in memory and serves one machine.\n"
+         "Press Ctrl-C to end it.\n";
+}
+
+// Announces the address in a file while the broker serves.
+class listen_file {
+ public:
+  listen_file(std::string path, const std::string& address) : path_(std::move(path)) {
+    write_private_file(path_, address + "\n");
+  }
+  ~listen_file() { ::unlink(path_.c_str()); }
+  listen_file(const listen_file&) = delete;
+  listen_file& operator=(const listen_file&) = delete;
+
+ private:
+  std::string path_;
+};
+
+void s_serve(const run_options& options, const sigset_t& end_signals) {
+  const suite_folder folder(options.dir);
+  password_store passwords;
+  folder.prepare_users(options.user, passwords);
+  const broker_config config = s_broker_config(options, folder);
+  broker server(config, passwords, [&](const std::string& line) {
+    if (!options.quiet)
+      std::cerr << line + "\n";
+  });
+  server.start();
+  const std::string port = std::to_string(server.port());
+  const listen_file announced(folder.listen_file(), config.host + ":" + port);
+  if (!options.quiet)
+    std::cerr << s_first_screen(options, folder, config.host, port);
+  int signal = 0;
+  sigwait(&end_signals, &signal);
+  server.stop();
+}
+
+}  // namespace
+
+int run_suite(const run_options& options) {
+  const sigset_t end_signals = s_block_end_signals();
+  try {
+    s_serve(options, end_signals);
+    return 0;
+  } catch (const std::exception& failure) {
+    std::cerr << "kv-av-suite: " << failure.what() << "\n";
+    return 2;
+  }
+}
+
+}  // namespace kv_suite
