@@ -144,6 +144,8 @@ struct scanobject {
 [[nodiscard]] inline bool kv_scan_switch_is_on(const scanobject& job, kv_ac_slot slot) {
   return job.ActiveContent->slots[slot] == 1;
 }
+// The monotonic clock that start_ms is read from.
+[[nodiscard]] std::uint64_t kv_scan_now_ms();
 // What is left of the job's time budget in milliseconds: 0 or less once it is spent,
 // KV_NO_TIME_LIMIT for a job without limit.
 [[nodiscard]] std::int64_t kv_scan_time_left_ms(const scanobject& job);

@@ -223,12 +223,6 @@ constexpr std::array kKeys{
 };
 static_assert(kKeys.size() == 37);
 
-std::uint64_t s_now_ms() {
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now().time_since_epoch())
-                                        .count());
-}
-
 }  // namespace
 
 scanobject* kv_worker_GetScanJobDetails(json_object* request, char* error) {
@@ -269,11 +263,17 @@ void kv_worker_FreeScanObject(scanobject** job) {
   delete gone;
 }
 
+std::uint64_t kv_scan_now_ms() {
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        std::chrono::steady_clock::now().time_since_epoch())
+                                        .count());
+}
+
 std::int64_t kv_scan_time_left_ms(const scanobject& job) {
   if (job.limit_ms == KV_NO_TIME_LIMIT) {
     return KV_NO_TIME_LIMIT;
   }
-  const std::uint64_t now = s_now_ms();
+  const std::uint64_t now = kv_scan_now_ms();
   const std::uint64_t spent = now > job.start_ms ? now - job.start_ms : 0;
   return spent >= static_cast<std::uint64_t>(INT64_MAX)
              ? INT64_MIN
