@@ -5,6 +5,7 @@
 // semaphore. This header includes nothing of the project, since every floor includes it. Any thread
 // may log; the setters are meant for start-up and shutdown.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -25,9 +26,14 @@ using log_lock_fn = int (*)(void* udata, int action);
 void log_log(std::uint32_t level, const char* function, const char* file, int line,
              const char* format, ...) __attribute__((format(printf, 5, 6)));
 
+// The configured level, or 0 while a line would go nowhere. Kept by the setters below.
+extern std::atomic<std::uint32_t> kv_log_threshold;
+
 // True when a line of this level would go anywhere: the test that the macros make before any
 // argument is formatted. Lock-free.
-[[nodiscard]] bool log_is_enabled(std::uint32_t level) noexcept;
+[[nodiscard]] inline bool log_is_enabled(std::uint32_t level) noexcept {
+  return level != KV_LOG_LEVEL_OFF && level <= kv_log_threshold.load(std::memory_order_relaxed);
+}
 
 void log_set_udata(void* udata);
 [[nodiscard]] void* log_get_udata();
@@ -45,8 +51,15 @@ void log_set_maxsize(std::uint64_t maxsize_mb);  // decimal megabytes, 0 for no 
 // configured (level 0, or no path), or -1 when the semaphore cannot be opened. Clears any screen
 // trace.
 [[nodiscard]] int KVOpenTraceFile(const char* path, std::uint32_t level, std::uint64_t maxsize_mb);
+
+// Detaches the lock and silences standard error. Lines still go to the file, unlocked.
 void KVCloseTraceFile();
+
+// Releases (action 0) or acquires (action 1, waiting at most 5 s) the semaphore of a trace file. 0,
+// or -1 when it could not be had.
 int KVLogLock(void* semaphore, int action);
+
+// Archives the file when it has reached the limit. 0 for a null path, else -1: callers ignore it.
 int KVLogCheckLogSwitch(const char* path, std::uint64_t maxsize_mb);
 
 // The program's name as printed in every line; set once by main.
