@@ -196,6 +196,10 @@ using kv_file_scan_result_ptr =
 // Appends a deep copy. 0 or -1.
 [[nodiscard]] int kv_worker_add_file_scan_result(kv_scan_result_t* result,
                                                  const kv_file_scan_result_t* file);
+// Merges the file rows of another scan into the consolidated result, holding its mutex: a row of a
+// name that is there already completes it, any other is appended. 0 or -1. Any thread.
+[[nodiscard]] int kv_worker_merge_scanresults(kv_scan_result_t* consolidated,
+                                              const kv_scan_result_t* latest);
 // Consolidates the file results into the result's code, reasons and error. 0, or -1 for null.
 [[nodiscard]] int kv_worker_create_scan_results_summary(kv_scan_result_t* result);
 // Renders the reply; a newly allocated text or null.
