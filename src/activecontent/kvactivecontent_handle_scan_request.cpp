@@ -9,6 +9,7 @@
 
 #include "activecontent/kvactivecontent_dispatch.h"
 #include "common/kv_json.h"
+#include "common/kv_time.h"
 #include "logging/log-helper.h"
 #include "messaging/kvhlp_replies.h"
 
@@ -37,9 +38,9 @@ struct scan_call {
   char error[KV_ERROR_TEXT_SIZE]{};
 };
 
-std::int32_t s_fail(scan_call& call, const std::string& text) {
-  KV_LOG_AS(KV_LOG_LEVEL_ERROR, kHandler, "%s", text.c_str());
-  static_cast<void>(std::snprintf(call.error, sizeof(call.error), "%s", text.c_str()));
+std::int32_t s_fail(scan_call& call, const char* text) {
+  KV_LOG_AS(KV_LOG_LEVEL_ERROR, kHandler, "%s", text);
+  static_cast<void>(std::snprintf(call.error, sizeof(call.error), "%s", text));
   return KV_RESULT_FAILED;
 }
 
@@ -140,8 +141,9 @@ std::int32_t s_make_job(scan_call& call) {
   if (kvactivecontent_extract_ac_parameters(call.config, call.job.get(),
                                             call.thread->shared->service, call.realm.c_str(),
                                             call.sid.c_str()) != 0) {
-    return s_fail(call,
-                  "Failed to get active content definitions for " + call.realm + "/" + call.sid);
+    const std::string text =
+        "Failed to get active content definitions for " + call.realm + "/" + call.sid;
+    return s_fail(call, text.c_str());
   }
   s_start_job(call);
   return KV_RESULT_CLEAN;
@@ -227,7 +229,7 @@ std::int32_t kv_worker_handle_scan_request(kv_worker_config_t* config,
                  .message = pair->request,
                  .request = request,
                  .thread = thread,
-                 .start_ms = kv_scan_now_ms()};
+                 .start_ms = kv_current_time_ms()};
   const std::int32_t code = s_scan_guarded(call);
   std::free(pair->reply->json);
   pair->reply->json = s_reply(call, code);

@@ -132,7 +132,7 @@ struct scanobject {
   // Set by the scan handling; not read from the request.
   const void* data;           // the object's bytes, borrowed; null when there are none
   void* thread_context;       // the calling worker thread's parameters, borrowed
-  std::uint64_t start_ms;     // monotonic start of the scan
+  std::uint64_t start_ms;     // start of the scan, as kv_current_time_ms gave it
   std::int64_t limit_ms;      // time budget from start_ms, KV_NO_TIME_LIMIT for none
   std::uint32_t child_count;  // children made so far; the first has number 1
   kv_embedded_scan_t embedded;
@@ -144,8 +144,6 @@ struct scanobject {
 [[nodiscard]] inline bool kv_scan_switch_is_on(const scanobject& job, kv_ac_slot slot) {
   return job.ActiveContent->slots[slot] == 1;
 }
-// The monotonic clock that start_ms is read from.
-[[nodiscard]] std::uint64_t kv_scan_now_ms();
 // What is left of the job's time budget in milliseconds: 0 or less once it is spent,
 // KV_NO_TIME_LIMIT for a job without limit.
 [[nodiscard]] std::int64_t kv_scan_time_left_ms(const scanobject& job);

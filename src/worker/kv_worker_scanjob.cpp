@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "common/kv_json.h"
+#include "common/kv_time.h"
 #include "logging/log-helper.h"
 #include "messaging/kv_amqp_client.h"
 
@@ -263,19 +263,12 @@ void kv_worker_FreeScanObject(scanobject** job) {
   delete gone;
 }
 
-std::uint64_t kv_scan_now_ms() {
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now().time_since_epoch())
-                                        .count());
-}
-
 std::int64_t kv_scan_time_left_ms(const scanobject& job) {
   if (job.limit_ms == KV_NO_TIME_LIMIT) {
     return KV_NO_TIME_LIMIT;
   }
-  const std::uint64_t now = kv_scan_now_ms();
+  const std::uint64_t now = kv_current_time_ms();
   const std::uint64_t spent = now > job.start_ms ? now - job.start_ms : 0;
-  return spent >= static_cast<std::uint64_t>(INT64_MAX)
-             ? INT64_MIN
-             : job.limit_ms - static_cast<std::int64_t>(spent);
+  std::int64_t left = 0;
+  return __builtin_sub_overflow(job.limit_ms, spent, &left) ? INT64_MIN : left;
 }
