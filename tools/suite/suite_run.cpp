@@ -3,13 +3,16 @@
 #include <unistd.h>
 #include <csignal>
 
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
 #include "broker.h"
 #include "file_helpers.h"
 #include "line_printer.h"
+#include "service_messages.h"
 #include "suite_folder.h"
+#include "suite_services.h"
 
 namespace kv_suite {
 namespace {
@@ -64,6 +67,28 @@ std::string s_first_screen(const run_options& options, const suite_folder& folde
          "Press Ctrl-C to end it.\n";
 }
 
+std::string s_definitions(const run_options& options, const suite_folder& folder) {
+  if (!options.definitions.empty())
+    return options.definitions;
+  if (!std::filesystem::exists(folder.definitions_file())) {
+    write_private_file(folder.definitions_file(), example_definitions());
+  }
+  return folder.definitions_file();
+}
+
+void s_add_services(broker& server, suite_services& services) {
+  using method = std::string (suite_services::*)(const std::string&);
+  const auto add = [&](const char* queue, method answer) {
+    server.add_service(queue, make_json_service([&services, answer](const std::string& request) {
+                         return (services.*answer)(request);
+                       }));
+  };
+  add(kControlQueue, &suite_services::control);
+  add(kLogQueue, &suite_services::log);
+  add(kEventQueue, &suite_services::event);
+  add(kSuiteQueue, &suite_services::suite);
+}
+
 // Announces the address in a file while the broker serves.
 class listen_file {
  public:
@@ -83,10 +108,16 @@ void s_serve(const run_options& options, const sigset_t& end_signals) {
   password_store passwords;
   folder.prepare_users(options.user, passwords);
   const broker_config config = s_broker_config(options, folder);
-  broker server(config, passwords, [&](const std::string& line) {
+  const auto note = [&](const std::string& line) {
     if (!options.quiet)
       std::cerr << line + "\n";
-  });
+  };
+  line_printer printer(STDOUT_FILENO);
+  definitions_file definitions(s_definitions(options, folder), note);
+  suite_services services(definitions, [&](std::string line) { printer.print(std::move(line)); });
+  broker server(config, passwords, note);
+  if (options.control)
+    s_add_services(server, services);
   server.start();
   const std::string port = std::to_string(server.port());
   const listen_file announced(folder.listen_file(), config.host + ":" + port);
