@@ -1,0 +1,121 @@
+#pragma once
+// The one sending link, to the broker's anonymous address: each message names its queue itself.
+// Application threads put encoded messages, and the fate of requests that are done with, into an
+// outbox; one job on the connection's work queue empties it, together with the credit that the
+// receivers owe. A message that answers a request carries the request along: when the broker has
+// accepted the answer, the request is accepted.
+
+#include <proton/messaging_handler.hpp>
+#include <proton/sender.hpp>
+#include <proton/tracker.hpp>
+#include <proton/work_queue.hpp>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "messaging/kv_qpid_state.h"
+
+class qpid_receiver;
+
+enum class kv_outcome {
+  accepted,  // done with
+  released,  // as if it had never been here
+  modified,  // tried here without success: the delivery count rises
+};
+
+// A request whose delivery waits for its outcome. No receiver: there is none.
+struct kv_request_ref {
+  qpid_receiver* receiver = nullptr;
+  std::uint64_t sequence = 0;
+  std::uint64_t generation = 0;
+};
+
+// One entry of the outbox.
+struct kv_outgoing {
+  std::vector<char> bytes;                    // the encoded message; empty: settle the request only
+  std::string to;                             // where it goes, for the log
+  kv_clock::time_point deadline;              // a message is not sent after it
+  kv_request_ref request;                     // what the message answers
+  kv_outcome outcome = kv_outcome::accepted;  // of the request, without a message
+};
+
+class qpid_sender : public proton::messaging_handler {
+ public:
+  qpid_sender(kv_qpid_state& state, kv_qpid_link_owner& owner) : state_(state), owner_(owner) {}
+
+  // Any thread.
+  // True once the link has been open; it may be closed at present.
+  [[nodiscard]] bool was_opened() const;
+  // Waits for the link and for credit, until the message's deadline. Throws std::runtime_error when
+  // the transport ends or the deadline passes. A message whose request belongs to a lost connection
+  // is dropped.
+  void send(kv_outgoing&& message);
+  // Gives a request its outcome without a message.
+  void settle(kv_request_ref request, kv_outcome outcome);
+  // Has the container thread look after receivers to open or close and credit to give.
+  void post();
+  // Runs a job on the container thread. False without a connection.
+  bool post_job(std::function<void()> job);
+  // Ends every wait in send. Waits for a link that is still to open for the first time.
+  void close(kv_clock::time_point deadline);
+
+  // Container thread.
+  void open(proton::connection& connection);
+  // The connection is gone: forget everything that belonged to it.
+  void lost();
+  // Called with every job; set once before the first connection.
+  void on_flush(std::function<void()> job) { serve_receivers_ = std::move(job); }
+
+  // Handlers, container thread.
+  void on_connection_open(proton::connection& connection) override;
+  void on_sender_open(proton::sender& sender) override;
+  void on_sendable(proton::sender& sender) override;
+  void on_tracker_accept(proton::tracker& tracker) override;
+  void on_tracker_reject(proton::tracker& tracker) override;
+  void on_tracker_release(proton::tracker& tracker) override;
+  void on_tracker_settle(proton::tracker& tracker) override;
+  void on_sender_error(proton::sender& sender) override;
+  void on_sender_close(proton::sender& sender) override;
+  void on_error(const proton::error_condition& condition) override;
+
+ private:
+  struct sent_message {
+    std::string to;
+    kv_request_ref request;
+  };
+
+  void post_locked();
+  void flush();
+  void flush_one(kv_outgoing& message);
+  void transmit(const kv_outgoing& message);
+  void settle_request(const kv_request_ref& request, kv_outcome outcome);
+  void finish(proton::tracker& tracker, const char* refusal);
+
+  kv_qpid_state& state_;
+  kv_qpid_link_owner& owner_;
+  std::function<void()> serve_receivers_;  // constant after start
+
+  // Container thread only.
+  proton::sender sender_;
+  std::uint64_t next_tag_ = 0;
+  std::unordered_map<std::uint64_t, sent_message> by_tag_;  // sent, outcome still to come
+  std::vector<kv_outgoing> batch_;                          // of the job that runs
+  bool reconnected_ = false;                                // the link has been open before
+
+  // Shared, under the mutex.
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;           // work queue, credit, closed
+  proton::work_queue* work_queue_ = nullptr;  // dies with its connection: used under the mutex
+  bool posted_ = false;                       // a job is on its way
+  bool opened_ = false;                       // the link has been open once
+  bool closed_ = false;                       // the transport ends
+  int queued_ = 0;                            // messages not yet handed to Proton
+  int credit_ = 0;                            // of the link, as last known
+  int waiting_ = 0;                           // threads in send
+  std::vector<kv_outgoing> outbox_;
+};
