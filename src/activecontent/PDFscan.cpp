@@ -1,0 +1,253 @@
+#include "activecontent/PDFscan.h"
+
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "activecontent/PDFscan_internal.h"
+#include "activecontent/kv_byte_blocks.h"
+#include "logging/log-helper.h"
+#include "worker/kv_worker_scan_types.h"
+
+namespace {
+
+constexpr std::string_view kObject = "obj";
+constexpr std::string_view kEnd = "end";  // stands in front of "obj" at the end of an object
+constexpr std::string_view kTrailer = "trailer";
+constexpr std::string_view kEncrypt = "/Encrypt";
+constexpr std::size_t kNowhere = std::string_view::npos;
+
+// Where "obj" begins in the block, judged by all three bytes at once.
+std::uint64_t s_object_bits(const char* bytes) {
+  const __m128i o = _mm_set1_epi8('o');
+  const __m128i b = _mm_set1_epi8('b');
+  const __m128i j = _mm_set1_epi8('j');
+  const kv_byte_block first = kv_byte_block::load(bytes);
+  const kv_byte_block second = kv_byte_block::load(bytes + 1);
+  const kv_byte_block third = kv_byte_block::load(bytes + 2);
+  kv_byte_block hits;
+  __m128i any = _mm_setzero_si128();
+  for (std::size_t i = 0; i < kv_byte_block::kParts; ++i) {
+    hits.parts[i] = _mm_and_si128(
+        _mm_and_si128(_mm_cmpeq_epi8(first.parts[i], o), _mm_cmpeq_epi8(second.parts[i], b)),
+        _mm_cmpeq_epi8(third.parts[i], j));
+    any = _mm_or_si128(any, hits.parts[i]);
+  }
+  if (_mm_movemask_epi8(any) == 0) {
+    return 0;
+  }
+  return hits.mask([](__m128i part) { return part; });
+}
+
+// The next "obj" at or behind from that lies whole within the bytes.
+std::size_t s_find_object(std::string_view in, std::size_t from) {
+  constexpr std::size_t kRead = KV_BLOCK_SIZE + kObject.size() - 1;
+  while (from < in.size() && in.size() - from >= kRead) {
+    const std::uint64_t hits = s_object_bits(in.data() + from);
+    if (hits != 0) {
+      return from + kv_first_bit(hits);
+    }
+    from += KV_BLOCK_SIZE;
+  }
+  return in.find(kObject, from);
+}
+
+// The nearest line break before an offset, but behind start.
+std::size_t s_find_line_break(std::string_view in, std::size_t start, std::size_t before) {
+  if (before <= start + 1) {
+    return kNowhere;
+  }
+  const char* begin = in.data() + start + 1;
+  const char* end = in.data() + before;
+  const void* feed = memrchr(begin, '\n', static_cast<std::size_t>(end - begin));
+  const char* nearest = static_cast<const char*>(feed);
+  const char* rest = nearest == nullptr ? begin : nearest + 1;
+  const void* carriage_return = memrchr(rest, '\r', static_cast<std::size_t>(end - rest));
+  if (carriage_return != nullptr) {
+    nearest = static_cast<const char*>(carriage_return);
+  }
+  return nearest == nullptr ? kNowhere : static_cast<std::size_t>(nearest - in.data());
+}
+
+// The "j" of the "endobj" that closes an object whose first "obj" is given. Every "endobj" ends in
+// an "obj"; the line break in front of the first one keeps "end" from reaching back behind it.
+std::size_t s_find_closing(std::string_view in, std::size_t object) {
+  while (object != kNowhere) {
+    if (object >= kEnd.size() && in.compare(object - kEnd.size(), kEnd.size(), kEnd) == 0) {
+      return object + kObject.size() - 1;
+    }
+    object = s_find_object(in, object + kObject.size());
+  }
+  return kNowhere;
+}
+
+// What a printed line shows of bytes.
+std::string s_as_text(std::string_view bytes) {
+  return std::string{bytes};
+}
+
+class pdf_scan {
+ public:
+  pdf_scan(std::string_view in, const kv_pdf_keyword_t* table, std::int32_t& match_index,
+           std::pmr::memory_resource& memory)
+      : in_(in),
+        table_(table),
+        keywords_(table),
+        match_index_(match_index),
+        clean_(&memory),
+        canonical_(&memory) {}
+
+  std::int32_t run() {
+    std::int32_t code = KV_RESULT_CLEAN;
+    while (code == KV_RESULT_CLEAN && next_object()) {
+      code = analyse_object();
+    }
+    return code;
+  }
+
+ private:
+  // Steps to the next object; false when there is none.
+  bool next_object() {
+    const std::size_t object = finished_ ? kNowhere : s_find_object(in_, end_);
+    const std::size_t line = object == kNowhere ? kNowhere : s_find_line_break(in_, end_, object);
+    if (line == kNowhere) {
+      return false;
+    }
+    const std::size_t closing = s_find_closing(in_, object);
+    if (closing == kNowhere) {
+      // Going on behind the line break would meet the same "obj", with no line break before it.
+      KV_LOG_WARN("No corresponding closing tag found");
+      return false;
+    }
+    begin_ = line;
+    end_ = closing;
+    KV_LOG_TRACE("object from offset 0x%x to offset 0x%x", static_cast<unsigned>(begin_),
+                 static_cast<unsigned>(end_));
+    return true;
+  }
+
+  std::int32_t analyse_object() {
+    kv_pdf_dictionary_t dictionary =
+        kv_pdf_find_dictionary({in_.data() + begin_, end_ - begin_, in_.size() - begin_});
+    if (dictionary.presence == kv_pdf_presence::behind_zero) {
+      if (!copy_without_zeros()) {
+        KV_LOG_ERROR("Failed to allocate %s", "object text");
+        return KV_RESULT_FAILED;
+      }
+      dictionary = kv_pdf_find_dictionary({clean_.data(), clean_.size(), clean_.size()});
+    }
+    if (dictionary.presence != kv_pdf_presence::found) {
+      KV_LOG_TRACE("PDFExtractDictionary(): No dictionary found");
+      return KV_RESULT_CLEAN;
+    }
+    KV_LOG_DEBUG("Dictionary: %s", s_as_text(dictionary.window.text()).c_str());
+    KV_LOG_TRACE("Analyzing dictionary %s", s_as_text(dictionary.window.text()).c_str());
+    return match(dictionary.window);
+  }
+
+  bool copy_without_zeros() {
+    try {
+      clean_.clear();
+      clean_.reserve(end_ - begin_);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    for (const char byte : in_.substr(begin_, end_ - begin_)) {
+      if (byte != '\0') {
+        clean_.push_back(byte);
+      }
+    }
+    return true;
+  }
+
+  std::int32_t match(kv_text_window dictionary) {
+    if (std::memchr(dictionary.bytes, '#', dictionary.size) != nullptr) {
+      const std::optional<kv_text_window> canonical = canonicalise(dictionary);
+      if (!canonical) {
+        KV_LOG_ERROR("failed to canonicalize dictionary");
+        finished_ = true;
+        return KV_RESULT_CLEAN;
+      }
+      dictionary = *canonical;
+    }
+    const std::int32_t row = keywords_.find(dictionary);
+    if (row == KV_PDF_NO_MATCH) {
+      return KV_RESULT_CLEAN;
+    }
+    KV_LOG_DEBUG("\"%s\" found in %s", table_[row].keyword, s_as_text(dictionary.text()).c_str());
+    match_index_ = row;
+    return KV_RESULT_ACTIVE_CONTENT;
+  }
+
+  // The dictionary with its escapes undone; none when out of memory.
+  std::optional<kv_text_window> canonicalise(const kv_text_window& dictionary) {
+    KV_LOG_DEBUG("Encoded dictionary entry found");
+    try {
+      canonical_.clear();
+      canonical_.reserve(dictionary.size);
+    } catch (const std::bad_alloc&) {
+      return std::nullopt;
+    }
+    if (!kv_pdf_canonicalise(dictionary.text(), canonical_)) {
+      return dictionary;
+    }
+    KV_LOG_DEBUG("Converted \"%s\" to \"%s\"", s_as_text(dictionary.text()).c_str(),
+                 s_as_text(canonical_).c_str());
+    return kv_text_window{canonical_.data(), canonical_.size(), canonical_.size()};
+  }
+
+  std::string_view in_;
+  const kv_pdf_keyword_t* table_;
+  kv_pdf_keywords keywords_;
+  std::int32_t& match_index_;
+  std::size_t begin_ = 0;  // of the object: the line break before its header
+  std::size_t end_ = 0;    // behind its text, where the search goes on
+  bool finished_ = false;
+  std::pmr::string clean_;      // an object's text without its zero bytes
+  std::pmr::string canonical_;  // a dictionary without its escapes
+};
+
+}  // namespace
+
+std::int32_t kv_PDFscan(const void* bytes, std::size_t length, const kv_pdf_keyword_t* table,
+                        std::int32_t* match_index) {
+  return kv_pdf_scan_with(bytes, length, table, match_index, *std::pmr::new_delete_resource());
+}
+
+std::int32_t kv_pdf_scan_with(const void* bytes, std::size_t length, const kv_pdf_keyword_t* table,
+                              std::int32_t* match_index, std::pmr::memory_resource& memory) {
+  std::int32_t rc = KV_RESULT_FAILED;
+  KV_TRACE_SCOPE(rc);
+  const std::string_view in{static_cast<const char*>(bytes), bytes == nullptr ? 0 : length};
+  rc = pdf_scan(in, table, *match_index, memory).run();
+  KV_LOG_DEBUG("Returning %d", rc);
+  return rc;
+}
+
+const char* s_GetEncrypt(const void* bytes, std::size_t length) {
+  if (bytes == nullptr || length < kTrailer.size()) {
+    KV_LOG_ERROR("Invalid Parameter: in: 0x%x, len: %d",
+                 static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(bytes)),
+                 static_cast<int>(length));
+    return nullptr;
+  }
+  const std::string_view in{static_cast<const char*>(bytes), length};
+  const std::size_t trailer = in.rfind(kTrailer);
+  if (trailer == kNowhere) {
+    KV_LOG_DEBUG("Trailer not found.");
+    return nullptr;
+  }
+  // One that reaches the very end has no value behind it.
+  const std::size_t entry = in.substr(0, length - 1).find(kEncrypt, trailer);
+  return entry == kNowhere ? nullptr : in.data() + entry;
+}
+
+int kv_PDF_IsEncrypted(const void* bytes, std::size_t length) {
+  if (s_GetEncrypt(bytes, length) == nullptr) {
+    return 0;
+  }
+  KV_LOG_DEBUG("Found \"/Encrypt\"");
+  return 1;
+}

@@ -1,0 +1,123 @@
+// The fast scanner against the literal one: result, match index and, on part of the inputs, every
+// trace line.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "activecontent/PDFscan.h"
+#include "support/fragment_text.h"
+#include "support/pdf_reference.h"
+#include "support/trace_capture.h"
+
+using namespace std::string_view_literals;
+
+namespace {
+
+constexpr kv_pdf_keyword_t kTable[] = {
+    {"/AcroForm", ""},   {"/AA", ""},        {"/JavaScript", ""}, {"/JS", ""},  {"/Launch", ""},
+    {"/OpenAction", ""}, {"/RichMedia", ""}, {"<?php", ""},       {"perl", ""}, {"", ""}};
+
+constexpr std::array kFragments{"obj"sv,
+                                "endobj"sv,
+                                "end"sv,
+                                "\n"sv,
+                                "\r"sv,
+                                "1 0 obj\n"sv,
+                                "\nendobj\n"sv,
+                                "<<"sv,
+                                ">>"sv,
+                                "<"sv,
+                                ">"sv,
+                                "\0"sv,
+                                "#"sv,
+                                "#4a"sv,
+                                "#00"sv,
+                                "/JS"sv,
+                                "/J#53"sv,
+                                "/AA"sv,
+                                " "sv,
+                                "("sv,
+                                "/"sv,
+                                "perl"sv,
+                                "<?php"sv,
+                                "\x80"sv,
+                                "/Java"sv,
+                                "Script"sv,
+                                "\xff"sv,
+                                "/aapl"sv,
+                                "x"sv,
+                                "<</JS 1>>"sv,
+                                "#2"sv,
+                                "                                 "sv,
+                                "/Type/Catalog/Pages 2 0 R/MediaBox[0 0 612 792]"sv};
+
+std::string document(fragment_text& texts, std::size_t round) {
+  std::string text = round % 2 == 0 ? "%\n1 0 obj\n<<" : "";
+  text += texts.make(round % 7 == 0 ? 200 : 30);
+  text += round % 2 == 0 ? ">>\nendobj\n" : "";
+  texts.mutate(text, round % 3);
+  return text;
+}
+
+void compare(const std::string& text) {
+  const std::vector<char> exact(text.begin(), text.end());
+  const pdf_reference_result expected = pdf_reference_scan(text, kTable);
+  std::int32_t index = KV_PDF_NO_MATCH;
+  ASSERT_EQ(kv_PDFscan(exact.data(), exact.size(), kTable, &index), expected.code) << text;
+  ASSERT_EQ(index, expected.match_index) << text;
+  ASSERT_EQ(kv_PDF_IsEncrypted(exact.data(), exact.size()), pdf_reference_is_encrypted(text));
+}
+
+TEST(PdfDifferential, ResultsAgreeOnRandomDocuments) {
+  fragment_text texts{20, kFragments};
+  for (std::size_t round = 0; round < 40000; ++round) {
+    ASSERT_NO_FATAL_FAILURE(compare(document(texts, round)));
+  }
+}
+
+TEST(PdfDifferential, ResultsAgreeOnRandomBytes) {
+  constexpr std::array kBytes{"o"sv,  "b"sv, "j"sv,  "e"sv, "n"sv,   "d"sv,
+                              "\n"sv, "<"sv, ">"sv,  "#"sv, "4"sv,   "a"sv,
+                              "S"sv,  "/"sv, "\0"sv, " "sv, "obj"sv, "endobj"sv};
+  fragment_text texts{21, kBytes};
+  for (std::size_t round = 0; round < 40000; ++round) {
+    ASSERT_NO_FATAL_FAILURE(compare("%\n" + texts.make(60)));
+  }
+}
+
+// The text of a trace line, behind level and place, or nothing for entering and leaving.
+std::string message_of(const std::string& line) {
+  const std::size_t at = line.find("kv_PDFscan");
+  return line.substr(at == std::string::npos ? 0 : at);
+}
+
+TEST(PdfDifferential, TraceLinesAgree) {
+  fragment_text texts{22, kFragments};
+  for (std::size_t round = 0; round < 300; ++round) {
+    std::string text = document(texts, round);
+    std::erase(text, '\n');  // a message of one line is one line of the trace
+    std::erase(text, '\r');
+    text.insert(0, "%\r");
+    const pdf_reference_result expected = pdf_reference_scan(text, kTable);
+    trace_capture trace;
+    std::int32_t index = KV_PDF_NO_MATCH;
+    ASSERT_EQ(kv_PDFscan(text.data(), text.size(), kTable, &index), expected.code);
+    std::vector<std::string> lines;
+    for (const std::string& line : trace.lines()) {
+      if (line.find("Entering") == std::string::npos &&
+          line.find("Exiting, rc=") == std::string::npos) {
+        lines.push_back(message_of(line));
+      }
+    }
+    ASSERT_EQ(lines.size(), expected.log.size()) << text;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      const std::string wanted = expected.log[i].substr(expected.log[i].find(' ') + 1);
+      ASSERT_NE(lines[i].find(wanted), std::string::npos) << lines[i] << "\n" << wanted;
+    }
+  }
+}
+
+}  // namespace
