@@ -14,8 +14,11 @@ endfunction()
 
 # A GoogleTest program from every *_test.cpp of the calling folder.
 function(kv_add_folder_test name)
-  cmake_parse_arguments(ARG "" "" "LIBS;EXTRA" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "LIBS;EXTRA;EXCEPT" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp)
+  if(ARG_EXCEPT)
+    list(REMOVE_ITEM sources ${ARG_EXCEPT})
+  endif()
   if(NOT sources)
     return()
   endif()
