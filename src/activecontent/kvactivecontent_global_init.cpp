@@ -69,3 +69,8 @@ int kv_worker_global_cleanup(kv_worker_thread_args_t* /*args*/) {
   OPENSSL_cleanup();
   return 0;
 }
+
+void kv_service_state_free(kv_service_state_t** state) {
+  delete *state;
+  *state = nullptr;
+}

@@ -18,6 +18,9 @@ struct kv_service_state_t;
 [[nodiscard]] int kv_worker_global_init(kv_worker_config_t* config, kv_worker_thread_args_t* args,
                                         char* error);
 int kv_worker_global_cleanup(kv_worker_thread_args_t* args);
+// Frees the state once no thread uses it any more, and clears the caller's pointer. Null is
+// allowed.
+void kv_service_state_free(kv_service_state_t** state);
 [[nodiscard]] int kv_initialize_service(worker_thread_parameters* thread, kv_service_state_t* state,
                                         char* error);
 // A newly allocated reply text, or null.

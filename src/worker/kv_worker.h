@@ -93,7 +93,7 @@ struct kv_worker_config_t {
   char* signal_when_ready;
   char* shutdown_when_ready;
   char* secret;
-  char* activation_secret;
+  char* activation_secret;  // made when an activation starts; guarded by the update block
   kv_log_dispatcher* log_dispatcher;
   char** argv;
 };
@@ -115,7 +115,7 @@ struct kv_update_thread_args_t {
   kv_worker_config_t* config;               // borrowed
   std::atomic<std::int32_t> update_state;   // written by update thread, main, control handler
   char* new_version;                        // path of the new version, owned
-  std::mutex handover;                      // guards the two texts below
+  std::mutex handover;                      // guards the two texts below and the activation secret
   char* shutdown_target;                    // address of the temporary worker, owned
   char* shutdown_secret;                    // the temporary worker's own secret, owned
 };

@@ -1,0 +1,103 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+
+#include "activecontent/kvactivecontent_service.h"
+#include "logging/log-helper.h"
+#include "worker/kv_worker_limits.h"
+#include "worker/kv_worker_process.h"
+#include "worker/kv_worker_signals.h"
+
+namespace {
+
+// Requests that are in work are answered first, and what is buffered goes back to the broker; both
+// need the threads' parameters, so that these outlive the list.
+void s_stop_worker_threads(kv_worker_process_t& process) {
+  process.ended_threads = kv_worker_take_parameters(process.threads);
+  kv_worker_terminate_all_threads(&process.threads);
+  killed.store(1, std::memory_order_relaxed);
+  if (process.broker_is_initialised) {
+    kv_amqp_stop_services(process.config->amqp, KV_STOP_SERVICES_MS);
+  }
+}
+
+void s_log_completion(kv_worker_process_t&) {
+  KV_LOG_AS(KV_LOG_LEVEL_INFO, "main", "Shutdown complete");
+}
+
+void s_end_broker(kv_worker_process_t& process) {
+  if (process.broker_is_initialised) {
+    kv_amqp_deinit(process.config->amqp);
+  }
+}
+
+void s_clean_up_service(kv_worker_process_t& process) {
+  KV_LOG_AS(KV_LOG_LEVEL_TRACE, "main", "Starting worker global cleanup");
+  if (process.service_is_initialised) {
+    kv_worker_global_cleanup(process.shared.get());
+  }
+}
+
+void s_free_shared_records(kv_worker_process_t& process) {
+  if (update_lockfile >= 0) {
+    close(update_lockfile);
+    update_lockfile = -1;
+  }
+  process.ended_threads.clear();
+  if (process.config) {
+    kv_update_thread_args_free(&process.config->update_thread);
+  }
+  process.load_samples.reset();
+  if (process.shared) {
+    kv_service_state_free(&process.shared->service);
+  }
+  process.shared.reset();
+}
+
+struct stop_step {
+  const char* name;
+  void (*run)(kv_worker_process_t& process);
+};
+
+// No request is taken any more before anything that a request needs goes.
+constexpr std::array kSteps{
+    stop_step{"worker threads", s_stop_worker_threads},
+    stop_step{"completion", s_log_completion},
+    stop_step{"broker", s_end_broker},
+    stop_step{"service", s_clean_up_service},
+};
+
+// A scan that outlasted every limit still holds its thread's parameters and the service's state.
+bool s_a_thread_is_at_work(const kv_worker_process_t& process) {
+  return std::ranges::any_of(process.ended_threads, [](const auto& thread) {
+    return thread->current_status.load(std::memory_order_relaxed) == KV_THREAD_BUSY;
+  });
+}
+
+// The trace's path belongs to the configuration, which is about to go: nothing is logged any more.
+void s_end_trace() {
+  log_set_screentrace(0);
+  log_set_filename(nullptr);
+  KVCloseTraceFile();
+}
+
+}  // namespace
+
+int kv_worker_shut_down(kv_worker_process_t& process) {
+  for (const stop_step& step : kSteps) {
+    kv_worker_report_signal();
+    step.run(process);
+  }
+  const bool at_work = s_a_thread_is_at_work(process);
+  if (!at_work) {
+    s_free_shared_records(process);
+  }
+  kv_worker_report_signal();
+  KV_LOG_AS(KV_LOG_LEVEL_INFO, "main", "Ending worker with rc=%d", process.rc);
+  s_end_trace();
+  if (at_work) {
+    _exit(process.rc);  // freeing under a running scan would end in a crash instead
+  }
+  return process.rc;
+}
