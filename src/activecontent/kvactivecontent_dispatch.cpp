@@ -133,12 +133,16 @@ std::int32_t dispatch_run(std::span<const dispatch_row> rows, const dispatch_cal
   return KV_RESULT_CLEAN;
 }
 
-std::int32_t kvactivecontent_dispatch(scanobject* job, kv_scan_result_t* consolidated, char* reason,
-                                      char* error, std::uint8_t flag) {
+std::int32_t dispatch_run_guarded(std::span<const dispatch_row> rows, const dispatch_call& call) {
   try {
-    return dispatch_run(kRows, {job, consolidated, reason, error, flag});
+    return dispatch_run(rows, call);
   } catch (const std::exception& failure) {
     // What was not examined to its end is never called clean.
-    return s_fail(error, failure.what());
+    return s_fail(call.error, failure.what());
   }
+}
+
+std::int32_t kvactivecontent_dispatch(scanobject* job, kv_scan_result_t* consolidated, char* reason,
+                                      char* error, std::uint8_t flag) {
+  return dispatch_run_guarded(kRows, {job, consolidated, reason, error, flag});
 }

@@ -136,3 +136,6 @@ template <auto Detector>
 // Runs the rows in order; the first outcome other than 0 ends it.
 [[nodiscard]] std::int32_t dispatch_run(std::span<const dispatch_row> rows,
                                         const dispatch_call& call);
+// The same, where an exception becomes a failed scan.
+[[nodiscard]] std::int32_t dispatch_run_guarded(std::span<const dispatch_row> rows,
+                                                const dispatch_call& call);
