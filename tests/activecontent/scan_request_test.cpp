@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/kv_json.h"
+#include "support/scan_requests.h"
+#include "support/service_fixture.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+class ScanRequest : public testing::Test {
+ protected:
+  void SetUp() override { service.answer_definition("[]"); }
+
+  // The reply's text.
+  std::string handle(const std::string& bytes = "") {
+    set_number(request, "ObjectLen", static_cast<std::int64_t>(bytes.size()));
+    return handle_as_is(bytes.data(), bytes.size());
+  }
+  std::string handle_as_is(const void* data, std::uint64_t size) {
+    const kv_const_request_reply_ptr pair{kv_const_request_reply_new()};
+    pair->request->data = data;
+    pair->request->data_size = size;
+    EXPECT_EQ(
+        kv_worker_handle_scan_request(&service.config, pair.get(), request.get(), &service.thread),
+        0);
+    return pair->reply->json == nullptr ? "(none)" : pair->reply->json;
+  }
+  static kv_json_ptr parse(const std::string& reply) {
+    return kv_json_ptr{json_tokener_parse(reply.c_str())};
+  }
+  static std::int32_t code(const kv_json_ptr& reply) {
+    std::int32_t value = 1;
+    EXPECT_TRUE(kv_json_get_int(reply.get(), "ReturnCode", value));
+    return value;
+  }
+  static json_object* row(const kv_json_ptr& reply) {
+    json_object* rows = nullptr;
+    EXPECT_TRUE(json_object_object_get_ex(reply.get(), "Results", &rows));
+    EXPECT_EQ(json_object_array_length(rows), 1U);
+    return json_object_array_get_idx(rows, 0);
+  }
+  static std::string text(json_object* object, const char* key) {
+    std::string out;
+    static_cast<void>(kv_json_get_text(object, key, out));
+    return out;
+  }
+  static std::string failed(const std::string& error) {
+    return "{\n  \"ReturnCode\":-1000,\n  \"Error\":\"" + error + "\"\n}";
+  }
+
+  service_fixture service;
+  kv_json_ptr request = make_scan_request();
+};
+
+TEST_F(ScanRequest, CleanObjectHasOneCleanRow) {
+  const kv_json_ptr reply = parse(handle("hello"));
+  EXPECT_EQ(code(reply), 0);
+  EXPECT_EQ(text(row(reply), "File-name"), "in/report.bin");
+  EXPECT_EQ(text(row(reply), "File-size"), "5");
+  EXPECT_EQ(text(row(reply), "Virusname"), " ");
+  EXPECT_EQ(text(row(reply), "MIME-type"), "");
+  EXPECT_EQ(text(reply.get(), "FilesScanned"), "1");
+}
+
+TEST_F(ScanRequest, DetectionBlocksWithItsReason) {
+  service.answer_definition(R"([["EXECUTABLE", 1]])");
+  set_text(request, "Extension", ".bat");
+  const kv_json_ptr reply = parse(handle("@echo off"));
+  EXPECT_EQ(code(reply), -202);
+  EXPECT_EQ(text(reply.get(), "Blocking-reason"), "\"DOS Batch file\" detected");
+  EXPECT_EQ(text(row(reply), "Virusname"), "\"DOS Batch file\" detected");
+  EXPECT_EQ(text(row(reply), "ReturnCode"), "-202");
+}
+
+TEST_F(ScanRequest, SwitchesFollowTheDefinitionOfTheRequestsTenant) {
+  set_text(request, "Extension", ".bat");
+  service.answer_definition(R"([["EXECUTABLE", 0]])");
+  EXPECT_EQ(code(parse(handle("@echo off"))), 0);
+  service.answer_definition(R"([["EXECUTABLE", 1]])");
+  EXPECT_EQ(code(parse(handle("@echo off"))), 0);  // r1/S1 is known
+  set_text(request, "SID", "S2");
+  EXPECT_EQ(code(parse(handle("@echo off"))), -202);
+}
+
+struct tenant_case {
+  const char* key;
+  bool drop;
+  const char* log;
+};
+class Tenant : public ScanRequest, public testing::WithParamInterface<tenant_case> {};
+INSTANTIATE_TEST_SUITE_P(
+    Keys, Tenant,
+    testing::Values(tenant_case{"realmID", true, "Failed to read realmID from JSON"},
+                    tenant_case{"realmID", false, "Key realmID found, but value is empty"},
+                    tenant_case{"SID", true, "Failed to read SID from JSON"},
+                    tenant_case{"SID", false, "Key SID found, but value is empty"}));
+TEST_P(Tenant, IsRequired) {
+  const trace_capture trace;
+  if (GetParam().drop) {
+    drop_key(request, GetParam().key);
+  } else {
+    set_text(request, GetParam().key, "");
+  }
+  EXPECT_EQ(handle("x"), "{\"ReturnCode\": -1}");
+  EXPECT_EQ(trace.count("ERROR", GetParam().log), 1);
+  EXPECT_TRUE(service.questions().empty());
+}
+
+TEST_F(ScanRequest, RealmIsReadBeforeSid) {
+  const trace_capture trace;
+  drop_key(request, "realmID");
+  drop_key(request, "SID");
+  EXPECT_EQ(handle(), "{\"ReturnCode\": -1}");
+  EXPECT_EQ(trace.count("SID from JSON"), 0);
+}
+
+TEST_F(ScanRequest, JobThatCannotBeBuiltIsAFailedScan) {
+  const trace_capture trace;
+  drop_key(request, "shmID");
+  EXPECT_EQ(handle("x"), failed("Failed to get scan job details from MQ message"));
+  EXPECT_EQ(trace.count("ERROR", "Failed to read shmID from JSON"), 1);
+  EXPECT_EQ(trace.count("ERROR", "Failed to get scan job details from MQ message"), 1);
+  EXPECT_TRUE(service.questions().empty());
+}
+
+TEST_F(ScanRequest, MissingDefinitionIsAFailedScan) {
+  const trace_capture trace;
+  service.answer("");
+  EXPECT_EQ(handle("x"), failed("Failed to get active content definitions for r1/S1"));
+  EXPECT_EQ(trace.count("ERROR", "Failed to get active content definitions for r1/S1"), 2);
+}
+
+TEST_F(ScanRequest, LongErrorIsCutToItsBuffer) {
+  service.answer("");
+  set_text(request, "realmID", std::string(3000, 'r'));
+  const std::string expected =
+      ("Failed to get active content definitions for " + std::string(3000, 'r')).substr(0, 1023);
+  EXPECT_EQ(handle("x"), failed(expected));
+}
+
+TEST_F(ScanRequest, SegmentThatIsNotThereIsAFailedScan) {
+  const trace_capture trace;
+  set_text(request, "shmID", "0x7ffffff0");
+  set_number(request, "ObjectLen", 4);
+  EXPECT_EQ(handle_as_is(nullptr, 0), failed("Failed to attach shared memory segment"));
+  EXPECT_EQ(trace.count("Attaching shared memory segment ID: 0x7ffffff0"), 1);
+  EXPECT_EQ(trace.count("ERROR", "Failed to attach shared memory segment"), 1);
+}
+
+TEST_F(ScanRequest, WithoutASegmentNothingIsAttached) {
+  const trace_capture trace;
+  EXPECT_EQ(code(parse(handle("x"))), 0);
+  EXPECT_EQ(trace.count("shared memory"), 0);
+}
+
+TEST_F(ScanRequest, LengthThatLiesIsAFailedScan) {
+  const std::string bytes = "four";
+  for (const std::int64_t length : {std::int64_t{5}, std::int64_t{3}, std::int64_t{-4},
+                                    std::int64_t{0x1'0000'0004}, INT64_MAX}) {
+    set_number(request, "ObjectLen", length);
+    EXPECT_EQ(handle_as_is(bytes.data(), bytes.size()), failed("Data length inconsistency"))
+        << length;
+  }
+}
+
+TEST_F(ScanRequest, LengthWithoutBytesIsAnsweredByTheRowsThatNeedNone) {
+  service.answer_definition(R"([["FLASH", 1]])");
+  set_text(request, "File-type", "Macromedia Flash data");
+  set_number(request, "ObjectLen", 1000);
+  const kv_json_ptr reply = parse(handle_as_is(nullptr, 0));
+  EXPECT_EQ(code(reply), -202);
+  EXPECT_EQ(text(row(reply), "File-size"), "1000");
+}
+
+TEST_F(ScanRequest, NegativeLengthCountsAsZero) {
+  set_number(request, "ObjectLen", -1);
+  const kv_json_ptr reply = parse(handle_as_is(nullptr, 0));
+  EXPECT_EQ(code(reply), 0);
+  EXPECT_EQ(text(row(reply), "File-size"), "0");
+}
+
+TEST_F(ScanRequest, ReplyIsLoggedAndEarlierTextReplaced) {
+  const trace_capture trace;
+  const kv_const_request_reply_ptr pair{kv_const_request_reply_new()};
+  pair->reply->json = strdup("earlier");
+  EXPECT_EQ(
+      kv_worker_handle_scan_request(&service.config, pair.get(), request.get(), &service.thread),
+      0);
+  EXPECT_STRNE(pair->reply->json, "earlier");
+  EXPECT_EQ(trace.count("DEBUG", "Created JSON text buffer: {"), 1);
+  EXPECT_EQ(trace.count("TRACE", "kv_worker_handle_scan_request"), 2);  // Entering and Exiting
+}
+
+TEST_F(ScanRequest, ReasonThatIsNoUtf8GoesAsItIs) {
+  service.answer_definition(R"([["FLASH", 1]])");
+  set_text(request, "File-type", "Macromedia Flash \xe4\xff");
+  EXPECT_NE(handle("x").find("\\\"Macromedia Flash \xe4\xff\\\" detected"), std::string::npos);
+}
+
+TEST_F(ScanRequest, RequestOfAnotherTypeHasNoTenant) {
+  request.reset(json_object_new_array());
+  EXPECT_EQ(handle_as_is(nullptr, 0), "{\"ReturnCode\": -1}");
+}
+
+TEST_F(ScanRequest, ManyThreadsScanAtOnce) {
+  service.answer_definition(R"([["EXECUTABLE", 1]])");
+  std::vector<std::thread> threads;
+  std::atomic<int> blocked{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      const kv_json_ptr own = make_scan_request();
+      set_text(own, "Extension", ".bat");
+      set_text(own, "SID", "S" + std::to_string(t % 2));
+      for (int i = 0; i < 100; ++i) {
+        const kv_const_request_reply_ptr pair{kv_const_request_reply_new()};
+        EXPECT_EQ(
+            kv_worker_handle_scan_request(&service.config, pair.get(), own.get(), &service.thread),
+            0);
+        blocked += std::strstr(pair->reply->json, "-202") != nullptr ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(blocked, 400);
+}
+
+}  // namespace
