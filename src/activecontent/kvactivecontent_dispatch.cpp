@@ -27,7 +27,7 @@ constexpr std::array kRows{
                      "\"DOS Batch file\" detected"),
     dispatch_finding(KV_AC_EXECUTABLE, dispatch_is_msi, nullptr, "\"MSI Installer\" detected"),
     dispatch_detector<kvactivecontent_PDF>(kNoGuard, dispatch_is_pdf, "Checking in PDF",
-                                           kPdfSwitches),
+                                           kAlwaysNeedsBytes),
 };
 
 // The job as detectors may see it while the guard lives: bytes are never null and a length is never

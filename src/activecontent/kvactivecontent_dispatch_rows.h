@@ -88,9 +88,6 @@ inline constexpr const char* kTypeText = nullptr;
 // signed macro counts too changes only what "MSOFFICE_MACRO" means.)
 inline constexpr std::uint32_t kMarkupSwitches = dispatch_slots(
     {KV_AC_HTML_EVENTHANDLER, KV_AC_HTML_SCRIPT, KV_AC_XML_JAVASCRIPT, KV_AC_XML_XSLT});
-inline constexpr std::uint32_t kPdfSwitches = dispatch_slots(
-    {KV_AC_PDF_ACROFORM, KV_AC_PDF_ACTIVEACTION, KV_AC_PDF_JAVASCRIPT, KV_AC_PDF_LAUNCH,
-     KV_AC_PDF_OPENACTION, KV_AC_PDF_RICHMEDIA, KV_AC_PDF_METADATA_PERL, KV_AC_PDF_METADATA_PHP});
 inline constexpr std::uint32_t kCompoundSwitches =
     dispatch_slots({KV_AC_MSOFFICE_OLE, KV_AC_MSOFFICE_MACRO});
 inline constexpr std::uint32_t kPackageSwitches = dispatch_slots(

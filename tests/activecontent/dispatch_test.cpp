@@ -349,6 +349,12 @@ TEST_F(DispatchRun, MissingBytesEndADetectorOneOfWhoseSwitchesIsOn) {
   }
 }
 
+TEST(DispatchTable, PdfWithoutItsBytesFailsWhateverTheSwitches) {
+  const outcome got = dispatch(without_bytes({}, "application/pdf"));
+  EXPECT_EQ(got.code, -1000);
+  EXPECT_EQ(got.error, "Data length inconsistency");
+}
+
 TEST_F(DispatchRun, MissingBytesLookEmptyToWhoDoesNotNeedThem) {
   const kv_scanobject_ptr job = without_bytes({KV_AC_MSOFFICE_MACRO_SIGNED}, "text/plain");
   EXPECT_EQ(run(job), 0);
