@@ -28,6 +28,13 @@ constexpr std::array kRows{
     dispatch_finding(KV_AC_EXECUTABLE, dispatch_is_msi, nullptr, "\"MSI Installer\" detected"),
     dispatch_detector<kvactivecontent_PDF>(kNoGuard, dispatch_is_pdf, "Checking in PDF",
                                            kAlwaysNeedsBytes),
+    dispatch_detector<kvactivecontent_msoffice_CDFv2>(kNoGuard, dispatch_is_compound_office,
+                                                      "Checking in CDFv2 Office Document",
+                                                      kCompoundSwitches),
+    dispatch_detector<kvactivecontent_OOXML>(kNoGuard, dispatch_is_ooxml, nullptr,
+                                             kPackageSwitches),
+    dispatch_detector<kvactivecontent_GIFAR>(KV_AC_GIFAR, dispatch_is_anything, nullptr,
+                                             kAlwaysNeedsBytes),
 };
 
 // The job as detectors may see it while the guard lives: bytes are never null and a length is never
