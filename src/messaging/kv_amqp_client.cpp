@@ -47,6 +47,9 @@ bool s_try_request(kv_amqp_config* config, const char* service, std::int32_t tim
     if (s_send_receive(config, service, timeout_ms, extra_time_ms, pair, error_text) == 0) {
       return true;
     }
+    if (kv_amqp_stop_requested()) {
+      return false;
+    }
     if (left > 1) {
       KV_LOG_INFO("Retrying... Retries left: %d", static_cast<int>(left) - 2);
     }
@@ -147,6 +150,10 @@ int kv_amqp_init(kv_amqp_config* config) {
   // logged and show at the first request.
   static_cast<void>(kv_qpid_init(config));
   return rc;
+}
+
+bool kv_amqp_wait_connected(kv_amqp_config* config, std::uint32_t limit_ms) {
+  return kv_qpid_wait_connected(config, limit_ms);
 }
 
 void kv_amqp_stop_services(kv_amqp_config* config, std::uint32_t limit_ms) {

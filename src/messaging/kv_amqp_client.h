@@ -46,6 +46,8 @@ using kv_amqp_config_ptr = std::unique_ptr<kv_amqp_config, kv_free_address<kv_am
 
 // Starts the transports. Returns 0, or the uAMQP transport's result.
 [[nodiscard]] int kv_amqp_init(kv_amqp_config* config);
+// Waits until requests can be sent, for at most limit_ms. False when they cannot.
+bool kv_amqp_wait_connected(kv_amqp_config* config, std::uint32_t limit_ms);
 // Stops the receivers of every service address: what is buffered is released to the broker, what is
 // in work is answered, for at most limit_ms. Requests of this process to others still work
 // afterwards.
@@ -57,6 +59,8 @@ void kv_amqp_deinit(kv_amqp_config* config);
 // of *stop becoming non-zero: neither a wait (for credit or a reply) nor another attempt goes on.
 // For callers that ask without limit until the process ends.
 inline thread_local const std::atomic<std::int32_t>* kv_amqp_stop_flag = nullptr;
+// How often such a request looks at its flag.
+inline constexpr std::int32_t KV_STOP_POLL_MS = 100;
 [[nodiscard]] inline bool kv_amqp_stop_requested() noexcept {
   return kv_amqp_stop_flag != nullptr && kv_amqp_stop_flag->load(std::memory_order_relaxed) != 0;
 }

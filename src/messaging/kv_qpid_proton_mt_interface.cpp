@@ -219,6 +219,14 @@ int kv_qpid_init(kv_amqp_config* config) {
   return kv_qpid_init_with(config, kv_qpid_options{});
 }
 
+bool kv_qpid_wait_connected(kv_amqp_config* config, std::uint32_t limit_ms) {
+  if (config == nullptr || config->transport == nullptr) {
+    return false;
+  }
+  return config->transport->connection.sender().wait_until_opened(kv_clock::now() +
+                                                                  kv_ms(limit_ms));
+}
+
 void kv_qpid_stop_services(kv_amqp_config* config, std::uint32_t limit_ms) {
   if (config == nullptr || config->transport == nullptr) {
     return;

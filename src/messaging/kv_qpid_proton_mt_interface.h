@@ -14,6 +14,8 @@ using kv_service_request_callback = std::int32_t (*)(void* argument,
                                                      kv_const_request_reply_t* pair);
 
 int kv_qpid_init(kv_amqp_config* config);
+// Waits until the sending link has been open once; see kv_amqp_wait_connected.
+bool kv_qpid_wait_connected(kv_amqp_config* config, std::uint32_t limit_ms);
 // Stops the receivers of the service addresses; see kv_amqp_stop_services.
 void kv_qpid_stop_services(kv_amqp_config* config, std::uint32_t limit_ms);
 void kv_qpid_deinit(kv_amqp_config* config);

@@ -117,13 +117,16 @@ kv_received_message qpid_receiver::wait_for_reply(std::unique_lock<std::mutex>& 
     if (auto reply = match_reply(key)) {
       return std::move(*reply);
     }
-    if (kv_system_ms() >= deadline_ms) {
+    if (kv_system_ms() >= deadline_ms || kv_amqp_stop_requested()) {
       KV_LOG_INFO("Added id '%s' to expired list (size=%ld)", proton::to_string(id).c_str(),
                   static_cast<long>(replies_.add_expired(key)));
       throw std::runtime_error("Timeout");
     }
-    const std::int64_t until_ms =
+    std::int64_t until_ms =
         replies_.empty() ? deadline_ms : std::min(deadline_ms, replies_.front_limit_ms());
+    if (kv_amqp_stop_flag != nullptr) {
+      until_ms = std::min(until_ms, kv_system_ms() + KV_STOP_POLL_MS);
+    }
     own.arrived.wait_until(lock, std::chrono::system_clock::time_point(kv_ms(until_ms)));
   }
 }

@@ -8,6 +8,7 @@
 #include <proton/error_condition.hpp>
 #include <proton/sender_options.hpp>
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <stdexcept>
@@ -52,6 +53,29 @@ bool qpid_sender::was_opened() const {
   return opened_;
 }
 
+bool qpid_sender::wait_until_opened(kv_clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  changed_.wait_until(lock, deadline, [&] { return opened_ || closed_; });
+  return opened_;
+}
+
+// Until done or the deadline; a thread with a stop flag looks at it meanwhile.
+template <class Done>
+bool qpid_sender::wait_while_asked(std::unique_lock<std::mutex>& lock,
+                                   kv_clock::time_point deadline, const Done& done) {
+  if (kv_amqp_stop_flag == nullptr) {
+    return changed_.wait_until(lock, deadline, done);
+  }
+  while (!done()) {
+    const auto now = kv_clock::now();
+    if (now >= deadline || kv_amqp_stop_requested()) {
+      return false;
+    }
+    changed_.wait_until(lock, std::min(deadline, now + kv_ms(KV_STOP_POLL_MS)));
+  }
+  return true;
+}
+
 void qpid_sender::send(kv_outgoing&& message) {
   const bool is_reply = message.request.receiver != nullptr;
   const auto is_stale = [&] {
@@ -60,7 +84,7 @@ void qpid_sender::send(kv_outgoing&& message) {
   };
   std::unique_lock lock(mutex_);
   ++waiting_;
-  const bool ready = changed_.wait_until(lock, message.deadline, [&] {
+  const bool ready = wait_while_asked(lock, message.deadline, [&] {
     return closed_ || is_stale() || (work_queue_ != nullptr && queued_ < credit_);
   });
   --waiting_;

@@ -51,6 +51,8 @@ class qpid_sender : public proton::messaging_handler {
   // Any thread.
   // True once the link has been open; it may be closed at present.
   [[nodiscard]] bool was_opened() const;
+  // Waits until then at most.
+  bool wait_until_opened(kv_clock::time_point deadline);
   // Waits for the link and for credit, until the message's deadline. Throws std::runtime_error when
   // the transport ends or the deadline passes. A message whose request belongs to a lost connection
   // is dropped.
@@ -89,6 +91,9 @@ class qpid_sender : public proton::messaging_handler {
     kv_request_ref request;
   };
 
+  template <class Done>
+  bool wait_while_asked(std::unique_lock<std::mutex>& lock, kv_clock::time_point deadline,
+                        const Done& done);
   void post_locked();
   void flush();
   void flush_one(kv_outgoing& message);

@@ -29,6 +29,9 @@ inline constexpr std::chrono::milliseconds KV_CONTROL_PING_PAUSE{5000};
 inline constexpr std::int32_t KV_CONTROL_PING_TRIES = 3;
 inline constexpr std::int32_t KV_CONTROL_PING_TIMEOUT_MS = 2000;
 
+// How long the first ping waits for a connection to be sent on.
+inline constexpr std::uint32_t KV_FIRST_CONNECTION_MS = 2000;
+
 // Requests to the control service and between two workers.
 inline constexpr std::int32_t KV_CONTROL_REQUEST_TIMEOUT_MS = 5000;
 inline constexpr std::int32_t KV_NOTICE_TIMEOUT_MS = 3000;

@@ -53,6 +53,8 @@ const char* s_or_empty(const char* text) {
 void kv_worker_wait_for_control(kv_amqp_config* broker, std::chrono::milliseconds pause) {
   KV_LOG_DEBUG("Waiting for service kv-av-worker-control on %s:%s", broker->broker_host,
                broker->broker_port);
+  // A ping before the first connection stands fails at once and would cost the pause behind it.
+  kv_amqp_wait_connected(broker, KV_FIRST_CONNECTION_MS);
   while (!s_pings_answered(broker, pause)) {
     KV_LOG_WARN("Still waiting for service kv-av-worker-control to become available");
   }
