@@ -33,6 +33,8 @@ constexpr std::array kRows{
                                                       kCompoundSwitches),
     dispatch_detector<kvactivecontent_OOXML>(kNoGuard, dispatch_is_ooxml, nullptr,
                                              kPackageSwitches),
+    dispatch_detector<kvactivecontent_csv_command>(KV_AC_CSV_INJECTION, dispatch_is_delimited_text,
+                                                   "Checking for CSV-injection", kAlwaysNeedsBytes),
     dispatch_detector<kvactivecontent_GIFAR>(KV_AC_GIFAR, dispatch_is_anything, nullptr,
                                              kAlwaysNeedsBytes),
 };

@@ -73,7 +73,7 @@ void compare(const std::string& text) {
 
 TEST(PdfDifferential, ResultsAgreeOnRandomDocuments) {
   fragment_text texts{20, kFragments};
-  for (std::size_t round = 0; round < 40000; ++round) {
+  for (std::size_t round = 0; round < 15000; ++round) {
     ASSERT_NO_FATAL_FAILURE(compare(document(texts, round)));
   }
 }
@@ -83,7 +83,7 @@ TEST(PdfDifferential, ResultsAgreeOnRandomBytes) {
                               "\n"sv, "<"sv, ">"sv,  "#"sv, "4"sv,   "a"sv,
                               "S"sv,  "/"sv, "\0"sv, " "sv, "obj"sv, "endobj"sv};
   fragment_text texts{21, kBytes};
-  for (std::size_t round = 0; round < 40000; ++round) {
+  for (std::size_t round = 0; round < 15000; ++round) {
     ASSERT_NO_FATAL_FAILURE(compare("%\n" + texts.make(60)));
   }
 }

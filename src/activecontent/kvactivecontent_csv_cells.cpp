@@ -1,0 +1,180 @@
+// Which cells are formulas. Cells are what stands between delimiters: line feeds lie inside, quotes
+// mean nothing, and there are no empty ones.
+#define KV_LOG_UNIT "kvactivecontent_csv"
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string>
+
+#include "activecontent/kv_byte_blocks.h"
+#include "activecontent/kvactivecontent_csv_internal.h"
+#include "activecontent/kvactivecontent_detectors.h"
+#include "logging/log-helper.h"
+
+namespace {
+
+enum class byte_kind : std::uint8_t { other, white_space, leading };
+
+// What a first byte makes of its cell. White space is that of the C locale.
+constexpr std::array<byte_kind, 256> s_kinds() {
+  std::array<byte_kind, 256> kinds{};
+  for (const unsigned char byte : {' ', '\t', '\n', '\v', '\f', '\r'}) {
+    kinds[byte] = byte_kind::white_space;
+  }
+  for (const unsigned char byte : {'=', '+', '-', '@'}) {
+    kinds[byte] = byte_kind::leading;
+  }
+  return kinds;
+}
+constexpr std::array<byte_kind, 256> kKinds = s_kinds();
+
+byte_kind s_kind(char byte) {
+  return kKinds[static_cast<unsigned char>(byte)];
+}
+
+// A byte that the injection pattern takes for part of a number. In its bracket expression the
+// backslash stands for itself.
+bool s_is_number_byte(char byte) {
+  return (byte >= '0' && byte <= '9') || byte == '.' || byte == ',' || byte == '\\';
+}
+
+// The cell without white space at its ends. It begins with a byte that is none.
+std::string_view s_trim_end(std::string_view cell) {
+  std::size_t size = cell.size();
+  while (size > 1 && s_kind(cell[size - 1]) == byte_kind::white_space) {
+    --size;
+  }
+  return cell.substr(0, size);
+}
+
+// The first byte behind the leading one that is no part of a number: without it the pattern cannot
+// match.
+std::size_t s_find_deciding_byte(std::string_view trimmed) {
+  std::size_t at = 1;
+  while (at < trimmed.size() && s_is_number_byte(trimmed[at])) {
+    ++at;
+  }
+  return at;
+}
+
+class injection_search {
+ public:
+  injection_search(std::string_view text, char delimiter, kv_csv_pattern& pattern,
+                   std::pmr::memory_resource& memory, char* reason, char* error)
+      : text_(text),
+        delimiter_(delimiter),
+        pattern_(pattern),
+        subject_(&memory),
+        reason_(reason),
+        error_(error) {}
+
+  // The code of the first cell that has one.
+  std::int32_t run() {
+    std::int32_t code = test_cell(0);
+    kv_block_reader reader{{text_.data(), text_.size(), text_.size()}};
+    for (std::size_t offset = 0; offset < text_.size() && code == KV_RESULT_CLEAN;
+         offset += KV_BLOCK_SIZE) {
+      std::uint64_t delimiters = kv_byte_block::load(reader.at(offset)).equal(delimiter_) &
+                                 kv_low_bits(text_.size() - offset);
+      for (; delimiters != 0 && code == KV_RESULT_CLEAN; delimiters &= delimiters - 1) {
+        code = test_cell(offset + kv_first_bit(delimiters) + 1);
+      }
+    }
+    return code;
+  }
+
+ private:
+  // Tests the cell that begins at an offset, if one does and its first byte is worth it.
+  std::int32_t test_cell(std::size_t begin) {
+    std::size_t first = begin;
+    while (first < text_.size() && s_kind(text_[first]) == byte_kind::white_space &&
+           text_[first] != delimiter_) {
+      ++first;
+    }
+    if (first == text_.size() || s_kind(text_[first]) != byte_kind::leading) {
+      return KV_RESULT_CLEAN;
+    }
+    const std::size_t end = std::min(text_.find(delimiter_, first), text_.size());
+    return test_formula(text_.substr(begin, end - begin),
+                        s_trim_end(text_.substr(first, end - first)));
+  }
+
+  std::int32_t test_formula(std::string_view cell, std::string_view trimmed) {
+    const bool doubled = trimmed.size() > 1 && trimmed[1] == trimmed[0];
+    if (cell.size() < 2 || doubled) {
+      return KV_RESULT_CLEAN;
+    }
+    KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "Found Leading \"%c\" in cell \"%s\"", trimmed[0],
+              std::string(trimmed).c_str());
+    const std::size_t deciding = s_find_deciding_byte(trimmed);
+    const std::int32_t code =
+        deciding == trimmed.size() ? KV_RESULT_CLEAN : match(trimmed, deciding);
+    if (code == KV_RESULT_CLEAN) {
+      KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "regex match found only digits");
+    }
+    return code == KV_RESULT_ACTIVE_CONTENT ? report(cell) : code;
+  }
+
+  // Asks the pattern itself; a cell gets this far at most once in most texts.
+  std::int32_t match(std::string_view trimmed, std::size_t deciding) {
+    if (!make_subject(trimmed, deciding)) {
+      return fail("Failed to allocate buffer \"_cell\"");
+    }
+    switch (pattern_.match(subject_.c_str())) {
+      case kv_csv_match::yes:
+        return KV_RESULT_ACTIVE_CONTENT;
+      case kv_csv_match::no:
+        return KV_RESULT_CLEAN;
+      default:
+        return fail("Error matching regex");
+    }
+  }
+
+  // The cell up to its deciding byte; of a very long number only the end.
+  bool make_subject(std::string_view trimmed, std::size_t deciding) {
+    const std::size_t from = deciding > KV_CSV_MAX_SUBJECT ? deciding - KV_CSV_MAX_SUBJECT : 1;
+    try {
+      subject_.assign(1, trimmed[0]);
+      subject_.append(trimmed.substr(from, deciding + 1 - from));
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+
+  std::int32_t report(std::string_view cell) {
+    KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "regex match found characters");
+    // What does not fit is cut.
+    const int printed =
+        std::snprintf(reason_, KV_REASON_SIZE, "\"CSV-injection: %.*s\" detected",
+                      static_cast<int>(std::min(cell.size(), KV_REASON_SIZE)), cell.data());
+    static_cast<void>(printed);
+    KV_LOG_AS(KV_LOG_LEVEL_WARN, kDetector, "%s", reason_);
+    return KV_RESULT_ACTIVE_CONTENT;
+  }
+
+  std::int32_t fail(const char* text) {
+    KV_LOG_AS(KV_LOG_LEVEL_ERROR, kDetector, "%s", text);
+    static_cast<void>(std::snprintf(error_, KV_REASON_SIZE, "%s", text));
+    return KV_RESULT_FAILED;
+  }
+
+  static constexpr const char* kDetector = "kvactivecontent_csv_command";
+
+  std::string_view text_;
+  char delimiter_;
+  kv_csv_pattern& pattern_;
+  std::pmr::string subject_;
+  char* reason_;
+  char* error_;
+};
+
+}  // namespace
+
+std::int32_t kv_csv_find_injection(std::string_view text, char delimiter, kv_csv_pattern& pattern,
+                                   std::pmr::memory_resource& memory, char* reason, char* error) {
+  return injection_search(text, delimiter, pattern, memory, reason, error).run();
+}
