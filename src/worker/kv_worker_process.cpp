@@ -1,5 +1,7 @@
 #include "worker/kv_worker_process.h"
 
+#include <unistd.h>
+
 #include <exception>
 
 #include "logging/log-helper.h"
@@ -20,7 +22,11 @@ int kv_worker_main(int argc, char** argv) {
     if (end == kv_step_end::next) {
       kv_worker_supervise(process);
     }
-    return kv_worker_shut_down(process);
+    const int rc = kv_worker_shut_down(process);
+    if (process.work_left_behind) {
+      _exit(rc);  // an orderly exit would take away what the running scan uses
+    }
+    return rc;
   } catch (const std::exception& error) {
     KV_LOG_AS(KV_LOG_LEVEL_FATAL, "main", "Ending worker: %s", error.what());
     return -1;

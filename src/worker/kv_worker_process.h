@@ -25,8 +25,9 @@ struct kv_worker_process_t {
   std::uint64_t registered_at_s = 0;  // when the worker registered last, in whole seconds
   bool broker_is_initialised = false;
   bool service_is_initialised = false;
-  std::string error_text;  // the failure that a status event at the end tells
-  std::int32_t rc = 0;     // what main returns
+  bool work_left_behind = false;  // a scan outlasted the shutdown: nothing that it uses was freed
+  std::string error_text;         // the failure that a status event at the end tells
+  std::int32_t rc = 0;            // what main returns
 
   kv_worker_process_t() = default;
   kv_worker_process_t(const kv_worker_process_t&) = delete;

@@ -89,15 +89,12 @@ int kv_worker_shut_down(kv_worker_process_t& process) {
     kv_worker_report_signal();
     step.run(process);
   }
-  const bool at_work = s_a_thread_is_at_work(process);
-  if (!at_work) {
+  process.work_left_behind = s_a_thread_is_at_work(process);
+  if (!process.work_left_behind) {
     s_free_shared_records(process);
   }
   kv_worker_report_signal();
   KV_LOG_AS(KV_LOG_LEVEL_INFO, "main", "Ending worker with rc=%d", process.rc);
   s_end_trace();
-  if (at_work) {
-    _exit(process.rc);  // freeing under a running scan would end in a crash instead
-  }
   return process.rc;
 }
