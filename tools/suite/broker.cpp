@@ -28,7 +28,6 @@ namespace {
 
 // Small frames keep a long message from holding up short ones and bound what the library buffers.
 constexpr std::uint32_t kMaxFrame = 64 * 1024;
-constexpr std::size_t kSessionWindow = std::size_t{8} << 20;
 constexpr int kBacklog = 64;
 constexpr pn_millis_t kTick = 1000;
 // Time that peers get to answer an orderly close.
@@ -228,7 +227,7 @@ void broker::implementation::accept(pn_listener_t* listener) {
     pn_transport_require_encryption(transport, true);
     pn_ssl_init(pn_ssl(transport), tls_.get(), nullptr);
   }
-  offer_plain(transport, passwords_);
+  offer_plain(transport, passwords_, tls_ != nullptr);
 
   pn_connection_t* connection = pn_connection();
   pn_connection_set_context(
@@ -252,7 +251,8 @@ void broker::implementation::handle_connection(pn_event_t* event, pn_event_type_
       detach_links(connection, nullptr);
       return pn_connection_close(connection);
     case PN_SESSION_REMOTE_OPEN:
-      pn_session_set_incoming_capacity(pn_event_session(event), kSessionWindow);
+      // No session window: what arrives is taken out of the library at once, so that a window would
+      // only make the sender's library move the rest of a large message about.
       return pn_session_open(pn_event_session(event));
     case PN_SESSION_REMOTE_CLOSE:
       detach_links(connection, pn_event_session(event));

@@ -14,6 +14,7 @@ constexpr std::size_t kMaxResponse = 4096;
 // Lives as long as the transport's SASL layer, which keeps a pointer to the user's name.
 struct sasl_session {
   password_store* passwords;
+  bool tls_only;
   std::string user;
 };
 
@@ -26,8 +27,13 @@ void s_free(pn_transport_t* transport) {
   pnx_sasl_set_context(transport, nullptr);
 }
 
-const char* s_list_mechanisms(pn_transport_t*) {
-  return "PLAIN";
+bool s_may_see_passwords(pn_transport_t* transport) {
+  const sasl_session* session = s_session(transport);
+  return session != nullptr && (!session->tls_only || pnx_sasl_is_transport_encrypted(transport));
+}
+
+const char* s_list_mechanisms(pn_transport_t* transport) {
+  return s_may_see_passwords(transport) ? "PLAIN" : "";
 }
 
 bool s_init_server(pn_transport_t* transport) {
@@ -53,7 +59,7 @@ bool s_accepts(sasl_session& session, std::string_view response) noexcept {
 
 void s_process_init(pn_transport_t* transport, const char* mechanism, const pn_bytes_t* response) {
   sasl_session* session = s_session(transport);
-  if (session != nullptr && std::string_view(mechanism) == "PLAIN" &&
+  if (s_may_see_passwords(transport) && std::string_view(mechanism) == "PLAIN" &&
       s_accepts(*session, {response->start, response->size})) {
     pnx_sasl_set_succeeded(transport, session->user.c_str(), nullptr);
   } else {
@@ -106,9 +112,9 @@ constexpr pnx_sasl_implementation kPlain{s_free,
 
 }  // namespace
 
-void offer_plain(pn_transport_t* transport, password_store& passwords) {
+void offer_plain(pn_transport_t* transport, password_store& passwords, bool tls_only) {
   static_cast<void>(pn_sasl(transport));
-  auto session = std::make_unique<sasl_session>(sasl_session{&passwords, {}});
+  auto session = std::make_unique<sasl_session>(sasl_session{&passwords, tls_only, {}});
   pnx_sasl_set_implementation(transport, &kPlain, session.release());
 }
 

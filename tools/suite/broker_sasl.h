@@ -8,9 +8,10 @@
 
 namespace kv_suite {
 
-// Offers PLAIN and nothing else on this transport. The store outlives it. Call before the transport
-// is given to the listener.
-void offer_plain(pn_transport_t* transport, password_store& passwords);
+// Offers PLAIN and nothing else on this transport; with tls_only not even that before TLS is up, so
+// that no client is asked for its password in clear. The store outlives the transport. Call before
+// the transport is given to the listener.
+void offer_plain(pn_transport_t* transport, password_store& passwords, bool tls_only);
 
 // The three parts of a PLAIN response. False when it has another form.
 struct plain_credential {

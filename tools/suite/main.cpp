@@ -16,6 +16,12 @@ void s_add_run(CLI::App& app, kv_suite::run_options& options) {
                   "Definitions per realm and SID (default: DIR/definitions.json)");
   run->add_option("--user", options.user, "User that is made on the first start")
       ->capture_default_str();
+  run->add_option("--queue-messages", options.limits.messages,
+                  "Messages that a queue holds before it refuses more")
+      ->capture_default_str();
+  run->add_option("--queue-bytes", options.limits.bytes,
+                  "Bytes that a queue holds before it refuses more")
+      ->capture_default_str();
   run->add_flag("--plain", options.plain, "No TLS: for measurements on one machine only");
   run->add_flag("!--no-control", options.control, "Broker only: no control service, no sinks");
   run->add_flag("--quiet", options.quiet, "No first screen and no notes on standard error");

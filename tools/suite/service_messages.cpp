@@ -1,9 +1,9 @@
 #include "service_messages.h"
 
 #include <proton/binary.hpp>
+#include <proton/codec/map.hpp>
 #include <proton/codec/vector.hpp>
 #include <proton/duration.hpp>
-#include <proton/codec/map.hpp>
 #include <proton/message.hpp>
 #include <proton/message_id.hpp>
 #include <proton/value.hpp>

@@ -35,6 +35,7 @@ broker_config s_broker_config(const run_options& options, const suite_folder& fo
   broker_config config;
   config.host = options.listen.substr(0, colon);
   config.port = options.listen.substr(colon + 1);
+  config.limits = options.limits;
   if (!options.plain) {
     make_certificates(folder.certificates());
     config.certificate_path = folder.certificates().certificate;

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "broker_queue.h"
+
 namespace kv_suite {
 
 struct run_options {
@@ -10,9 +12,10 @@ struct run_options {
   std::string listen = "127.0.0.1:5671";
   std::string definitions;  // empty: the folder's own file
   std::string user = "kv-av";
-  bool plain = false;   // no TLS
-  bool control = true;  // serve the control service and the sinks
-  bool quiet = false;   // no first screen, no notes
+  queue_limits limits = {};  // of each queue
+  bool plain = false;        // no TLS
+  bool control = true;       // serve the control service and the sinks
+  bool quiet = false;        // no first screen, no notes
 };
 
 // Returns the exit status. SIGTERM and SIGINT are blocked on return.
