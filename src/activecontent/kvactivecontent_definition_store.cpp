@@ -28,7 +28,12 @@ void kv_ac_definition_store::index(const kv_ac_definition& definition) {
 
 void kv_ac_definition_store::add(kv_ac_definition definition) {
   definitions_.push_back(std::move(definition));
-  index(definitions_.back());
+  try {
+    index(definitions_.back());
+  } catch (...) {
+    definitions_.pop_back();  // an entry that no lookup finds would be fetched again and again
+    throw;
+  }
 }
 
 kv_ac_parameter_list_ptr kv_ac_definition_store::find(const std::string& realm,
