@@ -39,8 +39,7 @@ void kvactivecontent_describe_service(kv_service_state_t& state) {
   };
 }
 
-int kv_worker_global_init(kv_worker_config_t* /*config*/, kv_worker_thread_args_t* args,
-                          char* error) {
+int kv_worker_global_init(kv_worker_config_t* config, kv_worker_thread_args_t* args, char* error) {
   // Nothing that guards or names rests on this generator.
   std::srand(static_cast<unsigned>(std::clock()));
   std::unique_ptr<kv_service_state_t> state{new (std::nothrow) kv_service_state_t{}};
@@ -56,6 +55,12 @@ int kv_worker_global_init(kv_worker_config_t* /*config*/, kv_worker_thread_args_
     return -1;
   }
   kvactivecontent_describe_service(*state);
+  state->recursive_scan.reset(kv_recursive_scan_new(config->amqp, config->worker_threads));
+  if (!state->recursive_scan) {
+    static_cast<void>(
+        std::snprintf(error, KV_ERROR_TEXT_SIZE, "Failed to allocate recursive scan settings"));
+    return -1;
+  }
   args->service = state.release();
   KV_LOG_TRACE("Global Init complete");
   return 0;

@@ -1,4 +1,4 @@
-#include "activecontent/kvactivecontent_service.h"
+#include "activecontent/kvactivecontent_service_internal.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,9 @@
 #include "common/kv_json.h"
 #include "common/kv_time.h"
 #include "logging/log-helper.h"
+#include "messaging/kv_shm.h"
 #include "messaging/kvhlp_replies.h"
+#include "worker/kv_worker_RecursiveScan.h"
 
 namespace {
 
@@ -55,6 +57,7 @@ class object_bytes {
     if (call_.job) {
       call_.job->data = nullptr;
     }
+    detach_segment();
   }
 
   // 0, or the code of the failure.
@@ -77,14 +80,31 @@ class object_bytes {
     return KV_RESULT_CLEAN;
   }
 
-  // This build attaches no segment.
+  // The segment is scanned where it lies; a length beyond its size is an error, never a read past
+  // it.
   std::int32_t attach_segment() {
+    scanobject& job = *call_.job;
     KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kHandler, "Attaching shared memory segment ID: 0x%x",
-              static_cast<std::uint32_t>(call_.job->shm_id));
-    return s_fail(call_, "Failed to attach shared memory segment");
+              static_cast<std::uint32_t>(job.shm_id));
+    const std::uint64_t length =
+        job.object_length > 0 ? static_cast<std::uint64_t>(job.object_length) : 0;
+    if (!segment_.attach(job.shm_id, length, KV_SERVICE_NAME)) {
+      return s_fail(call_, "Failed to attach shared memory segment");
+    }
+    KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kHandler, "Shared memory segment attached");
+    job.data = segment_.bytes().data();
+    return KV_RESULT_CLEAN;
+  }
+
+  void detach_segment() {
+    if (segment_.is_attached()) {
+      KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kHandler, "Detaching shared memory");
+      segment_.detach();
+    }
   }
 
   scan_call& call_;
+  kv_shm_segment segment_;
 };
 
 bool s_read_tenant(scan_call& call, const char* key, std::string& out) {
@@ -124,6 +144,7 @@ void s_start_job(scan_call& call) {
   scanobject& job = *call.job;
   job.thread_context = call.thread;
   job.start_ms = call.start_ms;
+  job.embedded = {kv_recursive_scan_embedded, call.thread->shared->service->recursive_scan.get()};
   if (job.ScanConfig->scan_timeout > 0) {
     job.limit_ms = job.ScanConfig->scan_timeout;
   }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "activecontent/kvactivecontent_service.h"
+#include "worker/kv_worker_RecursiveScan.h"
 
 // A named switch of a definition, in the control service's order.
 struct kv_ac_parameter {
@@ -67,6 +68,7 @@ struct kv_service_state_t {
   // Constant after global init.
   std::int64_t program_timestamp = 0;  // modification time of the program's file
   kv_ac_fetch fetch_definition = kv_amqp_send_recv_json;
+  kv_recursive_scan_ptr recursive_scan;  // what embedded objects are handed on with
 
   // Guarded by the lock.
   std::mutex lock;
