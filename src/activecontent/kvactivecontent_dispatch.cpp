@@ -26,6 +26,8 @@ constexpr std::array kRows{
     dispatch_finding(KV_AC_EXECUTABLE, dispatch_is_batch_file, nullptr,
                      "\"DOS Batch file\" detected"),
     dispatch_finding(KV_AC_EXECUTABLE, dispatch_is_msi, nullptr, "\"MSI Installer\" detected"),
+    dispatch_detector<kvactivecontent_html>(kNoGuard, dispatch_is_markup,
+                                            "Checking in html/xml content", kMarkupSwitches),
     dispatch_detector<kvactivecontent_PDF>(kNoGuard, dispatch_is_pdf, "Checking in PDF",
                                            kAlwaysNeedsBytes),
     dispatch_detector<kvactivecontent_msoffice_CDFv2>(kNoGuard, dispatch_is_compound_office,

@@ -90,9 +90,13 @@ using kv_embedded_scan_fn = std::int32_t (*)(void* context, scanobject* job,
                                              std::uint64_t length, const char* name,
                                              std::uint8_t flag, std::int64_t time_left_ms,
                                              char* reason, char* error);
+// Merges the file rows of a child that were collected by themselves into the job's result. 0 or -1.
+using kv_embedded_merge_fn = int (*)(void* context, kv_scan_result_t* consolidated,
+                                     const kv_scan_result_t* latest);
 struct kv_embedded_scan_t {
-  kv_embedded_scan_fn scan;  // null: embedded objects count as clean
-  void* context;
+  kv_embedded_scan_fn scan = nullptr;  // null: embedded objects count as clean
+  void* context = nullptr;
+  kv_embedded_merge_fn merge = nullptr;  // null: there is nothing to merge
 };
 
 // Time budget of a scan without limit.
