@@ -9,6 +9,7 @@
 #include "activecontent/kvactivecontent_dispatch.h"
 #include "activecontent/kvactivecontent_dispatch_rows.h"
 #include "common/kv_time.h"
+#include "support/archive_writer.h"
 #include "support/job_builder.h"
 #include "support/trace_capture.h"
 
@@ -353,6 +354,52 @@ TEST(DispatchTable, PdfWithoutItsBytesFailsWhateverTheSwitches) {
   const outcome got = dispatch(without_bytes({}, "application/pdf"));
   EXPECT_EQ(got.code, -1000);
   EXPECT_EQ(got.error, "Data length inconsistency");
+}
+
+TEST(DispatchTable, FormulasAreLookedForInTextButNotInHtml) {
+  const std::string table = "a,=cmd|x\nb,=cmd|y\n";
+  for (const char* mime : {"text/csv", "text/plain", "TEXT/CSV"}) {
+    EXPECT_EQ(dispatch(make_job(table, {KV_AC_CSV_INJECTION}, mime)).code, -202) << mime;
+    EXPECT_EQ(dispatch(make_job(table, {}, mime)).code, 0) << mime;
+  }
+  EXPECT_EQ(dispatch(make_job(table, {KV_AC_CSV_INJECTION}, "text/html")).code, 0);
+}
+
+TEST(DispatchTable, JavaClassesAreFoundInAnyObjectThatOpensAsAnArchive) {
+  const std::string jar = make_archive({{"Main.class", "x"}});
+  for (const char* mime : {"image/png", "application/octet-stream", ""}) {
+    const outcome got = dispatch(make_job(jar, {KV_AC_GIFAR}, mime));
+    EXPECT_EQ(got.reason, "\"Java class\" detected") << mime;
+    EXPECT_EQ(dispatch(make_job(jar, {}, mime)).code, 0) << mime;
+  }
+}
+
+TEST(DispatchTable, PackageTypeInCapitalsIsRoutedByItsTypeTextOnly) {
+  const std::string package = make_archive({{"word/vbaProject.bin", "x"}});
+  const char* const mime = "APPLICATION/VND.OPENXMLFORMATS-OFFICEDOCUMENT";
+  EXPECT_EQ(dispatch(make_job(package, {KV_AC_MSOFFICE_MACRO}, mime, "Zip archive")).code, 0);
+  EXPECT_EQ(dispatch(make_job(package, {KV_AC_MSOFFICE_MACRO}, mime, "Microsoft Word 2007+")).code,
+            -202);
+}
+
+TEST(DispatchTable, OldOfficeTypeThatIsNoCompoundFileIsLookedAtAsAPackage) {
+  const std::string package = make_archive({{"word/vbaProject.bin", "x"}});
+  EXPECT_EQ(dispatch(make_job(package, {KV_AC_MSOFFICE_MACRO}, "application/vnd.ms-excel")).code,
+            -202);
+}
+
+TEST(DispatchTable, UnreadableCompoundFileEndsTheDispatch) {
+  const outcome got = dispatch(make_job("no such file", {KV_AC_MSOFFICE_OLE, KV_AC_GIFAR},
+                                        "application/msword", "Microsoft Word Document"));
+  EXPECT_EQ(got.code, -100);
+}
+
+TEST(DispatchTable, FindingEndsTheScanBeforeAnyDetector) {
+  const trace_capture trace;
+  const outcome got =
+      dispatch(make_job("%PDF-1.4", {KV_AC_FLASH}, "application/pdf", "Macromedia Flash"));
+  EXPECT_EQ(got.code, -202);
+  EXPECT_EQ(trace.count("Checking in PDF"), 0);
 }
 
 TEST_F(DispatchRun, MissingBytesLookEmptyToWhoDoesNotNeedThem) {
