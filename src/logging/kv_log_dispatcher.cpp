@@ -221,7 +221,7 @@ void kv_log_free_log_dispatcher(kv_log_dispatcher** dispatcher, std::uint32_t li
   *dispatcher = nullptr;
   record->stop.store(1, std::memory_order_relaxed);
   KV_LOG_TRACE("Signaling log thread to terminate");
-  if (KV_JoinThreadTimeout(record->thread, limit_ms) != 0) {
+  if (record->thread != 0 && KV_JoinThreadTimeout(record->thread, limit_ms) != 0) {
     return;  // still in use by its thread: left to the end of the process
   }
   kv_pqueue_close(record->queue);

@@ -42,6 +42,10 @@ inline constexpr std::uint32_t KV_STOP_SERVICES_MS = 5000;
 // How long a shutdown waits for the update thread.
 inline constexpr std::uint32_t KV_JOIN_UPDATE_MS = 1500;
 
+// How long a shutdown lets the last records go out, and waits for the thread that delivers them.
+inline constexpr std::chrono::milliseconds KV_LAST_RECORDS_PAUSE{3000};
+inline constexpr std::uint32_t KV_JOIN_DISPATCHER_MS = 5000;
+
 // How often a hold looks at its threads.
 inline constexpr std::chrono::milliseconds KV_HOLD_POLL{10};
 

@@ -19,6 +19,10 @@ std::string kv_worker_lock_file(std::string_view basedir) {
   return kv_worker_directory(basedir) + "/.update.lock";
 }
 
+std::string kv_worker_run_directory(std::string_view basedir) {
+  return std::string(basedir) + "/run";
+}
+
 std::string kv_worker_version_text() {
   std::array<char, 128> text{};
   std::snprintf(text.data(), text.size(), "korvane Anti-Virus %d.%d.%d Build %d\r\n%s v.%d.%d\n ",

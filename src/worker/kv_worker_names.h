@@ -13,6 +13,8 @@
 [[nodiscard]] std::string kv_worker_version_file(std::string_view basedir);
 // ".update.lock" in the worker directory.
 [[nodiscard]] std::string kv_worker_lock_file(std::string_view basedir);
+// "BASEDIR/run": home of the queue of log and event records.
+[[nodiscard]] std::string kv_worker_run_directory(std::string_view basedir);
 // What the version file holds.
 [[nodiscard]] std::string kv_worker_version_text();
 // "kv-av-activecontent_HOST_PID": the worker's own address and its name towards the control

@@ -5,6 +5,7 @@
 
 #include "activecontent/kvactivecontent_service.h"
 #include "logging/log-helper.h"
+#include "worker/kv_worker_events.h"
 #include "worker/kv_worker_limits.h"
 #include "worker/kv_worker_process.h"
 #include "worker/kv_worker_signals.h"
@@ -24,6 +25,18 @@ void s_stop_worker_threads(kv_worker_process_t& process) {
 
 void s_log_completion(kv_worker_process_t&) {
   KV_LOG_AS(KV_LOG_LEVEL_INFO, "main", "Shutdown complete");
+}
+
+void s_report_shutdown(kv_worker_process_t& process) {
+  if (process.config) {
+    kv_worker_report_shutdown(*process.config, process.error_text);
+  }
+}
+
+void s_stop_event_log(kv_worker_process_t& process) {
+  if (process.config) {
+    kv_worker_stop_event_log(*process.config);
+  }
 }
 
 void s_end_broker(kv_worker_process_t& process) {
@@ -64,6 +77,8 @@ struct stop_step {
 constexpr std::array kSteps{
     stop_step{"worker threads", s_stop_worker_threads},
     stop_step{"completion", s_log_completion},
+    stop_step{"shutdown report", s_report_shutdown},
+    stop_step{"event log", s_stop_event_log},
     stop_step{"broker", s_end_broker},
     stop_step{"service", s_clean_up_service},
 };

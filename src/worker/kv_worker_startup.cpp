@@ -23,12 +23,14 @@ constexpr std::array kSteps{
     start_step{"broker", kv_start_broker},
     start_step{"trace", kv_start_trace},
     start_step{"load samples", kv_start_load_samples},
+    start_step{"event log", kv_start_event_log},
     start_step{"service", kv_start_service},
     start_step{"control service", kv_start_control_wait},
     start_step{"worker threads", kv_start_worker_threads},
     start_step{"update", kv_start_update},
     start_step{"registration", kv_start_registration},
     start_step{"announcements", kv_start_announcements},
+    start_step{"ready report", kv_start_ready_report},
     start_step{"control thread", kv_start_control_thread},
 };
 

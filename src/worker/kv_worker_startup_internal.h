@@ -15,12 +15,14 @@ kv_step_end kv_start_trace(kv_worker_process_t& process);
 
 // The service and its threads, the announcement to the others.
 kv_step_end kv_start_load_samples(kv_worker_process_t& process);
+kv_step_end kv_start_event_log(kv_worker_process_t& process);
 kv_step_end kv_start_service(kv_worker_process_t& process);
 kv_step_end kv_start_control_wait(kv_worker_process_t& process);
 kv_step_end kv_start_worker_threads(kv_worker_process_t& process);
 kv_step_end kv_start_update(kv_worker_process_t& process);
 kv_step_end kv_start_registration(kv_worker_process_t& process);
 kv_step_end kv_start_announcements(kv_worker_process_t& process);
+kv_step_end kv_start_ready_report(kv_worker_process_t& process);
 kv_step_end kv_start_control_thread(kv_worker_process_t& process);
 
 // Ends the start-up with the shutdown path and -1 as the process's result.

@@ -11,6 +11,7 @@
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_proton_mt_interface.h"
 #include "worker/kv_worker_control.h"
+#include "worker/kv_worker_events.h"
 #include "worker/kv_worker_limits.h"
 #include "worker/kv_worker_load.h"
 #include "worker/kv_worker_names.h"
@@ -28,6 +29,14 @@ kv_step_end kv_start_load_samples(kv_worker_process_t& process) {
     return kv_step_end::leave;
   }
   kvctrl_initialize_load_sample_array(process.load_samples.get(), process.load_sample_count);
+  return kv_step_end::next;
+}
+
+kv_step_end kv_start_event_log(kv_worker_process_t& process) {
+  if (kv_worker_start_event_log(*process.config) != 0) {
+    process.rc = -1;
+    return kv_step_end::leave;
+  }
   return kv_step_end::next;
 }
 
@@ -107,6 +116,13 @@ kv_step_end kv_start_announcements(kv_worker_process_t& process) {
   }
   if (config.shutdown_when_ready != nullptr && kv_worker_send_shutdown(config) != 0) {
     return kv_start_failed(process);
+  }
+  return kv_step_end::next;
+}
+
+kv_step_end kv_start_ready_report(kv_worker_process_t& process) {
+  if (!kv_is_killed()) {
+    kv_worker_report_ready(*process.config);
   }
   return kv_step_end::next;
 }

@@ -1,7 +1,11 @@
 #include <malloc.h>
 
+#include <string>
+
 #include "common/kv_time.h"
+#include "logging/kv_log.h"
 #include "logging/log-helper.h"
+#include "worker/kv_worker_events.h"
 #include "worker/kv_worker_load.h"
 #include "worker/kv_worker_names.h"
 #include "worker/kv_worker_process.h"
@@ -27,22 +31,29 @@ void s_register_again_when_due(kv_worker_process_t& process) {
 
 void s_notify_high_load(kv_worker_process_t& process) {
   kv_worker_config_t& config = *process.config;
-  KV_LOG_DEBUG("Load High-Water mark met. Average load exceeds %d percent over the past %d seconds",
-               config.autoscale_high_water_mark, config.autoscale_monitoring_period);
+  const std::string text = "Load High-Water mark met. Average load exceeds " +
+                           std::to_string(config.autoscale_high_water_mark) +
+                           " percent over the past " +
+                           std::to_string(config.autoscale_monitoring_period) + " seconds";
+  KV_LOG_DEBUG("%s", text.c_str());
   if (kvworker_send_hwm_notice(&config, config.amqp, process.identity.name.c_str()) != 0) {
     KV_LOG_ERROR("Failed to send HWM notification message");
   }
+  kv_worker_report_load(config, KV_EVENT_HIGH_WATER_MARK, text);
   kvctrl_initialize_load_sample_array(process.load_samples.get(), process.load_sample_count);
 }
 
 void s_notify_low_load(kv_worker_process_t& process) {
   kv_worker_config_t& config = *process.config;
-  KV_LOG_DEBUG(
-      "Load Low-Water mark met. Average load is less than %d percent over the past %d seconds",
-      config.autoscale_low_water_mark, config.autoscale_monitoring_period);
+  const std::string text = "Load Low-Water mark met. Average load is less than " +
+                           std::to_string(config.autoscale_low_water_mark) +
+                           " percent over the past " +
+                           std::to_string(config.autoscale_monitoring_period) + " seconds";
+  KV_LOG_DEBUG("%s", text.c_str());
   if (kvworker_send_lwm_notice(&config, config.amqp, process.identity.name.c_str()) != 0) {
     KV_LOG_ERROR("Failed to send LWM notification message");
   }
+  kv_worker_report_load(config, KV_EVENT_LOW_WATER_MARK, text);
   kvctrl_initialize_load_sample_array(process.load_samples.get(), process.load_sample_count);
 }
 
