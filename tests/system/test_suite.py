@@ -721,3 +721,81 @@ def test_plain_listener_still_wants_a_password(tmp_path):
             running.connect(sasl_enabled=False, user=None, password=None)
     finally:
         assert running.stop() == 0
+
+
+# --- commands -----------------------------------------------------------------------------------
+
+
+class FakeWorker(threading.Thread):
+    """Answers on a control address with the given code and keeps what it was asked."""
+
+    def __init__(self, suite, name, code):
+        super().__init__(daemon=True)
+        self.connection = suite.connect()
+        self.receiver = self.connection.create_receiver(name, credit=1)
+        self.code, self.requests = code, []
+        self.start()
+
+    def run(self):
+        request = self.receiver.receive(timeout=WAIT)
+        self.receiver.accept()
+        self.requests.append(json.loads(request.body[0]))
+        self.connection.create_sender("").send(Message(
+            address=request.reply_to, correlation_id=request.id,
+            body=[json.dumps({"ReturnCode": self.code})]))
+        self.connection.close()
+
+
+def test_ping_command(suite, queue):
+    assert suite.run("ping", "kv-av-worker-control").returncode == 0
+    absent = suite.run("ping", queue, "--timeout", "300")
+    assert absent.returncode == 2
+    assert "no answer from " + queue in absent.stderr
+
+
+@pytest.mark.parametrize("arguments, expected", [
+    ([], {"Command": 10, "RealmID": "", "SID": ""}),
+    (["--realm", "r1"], {"Command": 10, "RealmID": "r1", "SID": ""}),
+    (["--realm", "r1", "--sid", "S"], {"Command": 10, "RealmID": "r1", "SID": "S"}),
+    (["--all"], {"Command": 12, "RealmID": "", "SID": ""})])
+def test_flush_command(suite, queue, arguments, expected):
+    worker = FakeWorker(suite, queue, 0)
+    assert suite.run("flush", queue, *arguments).returncode == 0
+    worker.join(WAIT)
+    assert worker.requests == [expected]
+
+
+@pytest.mark.parametrize("code, status", [(0, 0), (-1000, 1)])
+def test_shutdown_command(suite, queue, tmp_path, code, status):
+    secret = tmp_path / "secret"
+    secret.write_text("the secret\nanother line\n")
+    worker = FakeWorker(suite, queue, code)
+    result = suite.run("shutdown", queue, "--secret-file", str(secret))
+    assert result.returncode == status
+    assert json.loads(result.stdout) == {"ReturnCode": code}
+    worker.join(WAIT)
+    assert worker.requests == [{"Command": 9, "Secret": "the secret"}]
+
+
+def test_shutdown_without_secret_file(suite, queue, tmp_path):
+    assert suite.run("shutdown", queue).returncode != 0
+    result = suite.run("shutdown", queue, "--secret-file", str(tmp_path / "absent"))
+    assert result.returncode == 2 and "cannot read" in result.stderr
+
+
+def test_workers_command(suite, ask, queue):
+    register = {"Command": 200, "worker-name": queue, "service-name": "kv-av-activecontent",
+                "Primary": 1, "Secret": "s" * 32}
+    ask("kv-av-worker-control", register)
+    result = suite.run("workers")
+    assert result.returncode == 0
+    rows = [json.loads(line) for line in result.stdout.splitlines()]
+    assert [row["registrations"] for row in rows if row["worker-name"] == queue] == [1]
+    assert "s" * 32 not in result.stdout
+
+
+def test_commands_without_a_running_suite(tmp_path):
+    result = subprocess.run([SUITE, "workers", "--dir", str(tmp_path)], capture_output=True,
+                            text=True, timeout=30)
+    assert result.returncode == 2
+    assert "cannot read" in result.stderr

@@ -20,6 +20,7 @@ class suite_folder {
   [[nodiscard]] std::string password_file() const { return path_ + "/password"; }
   [[nodiscard]] std::string definitions_file() const { return path_ + "/definitions.json"; }
   [[nodiscard]] std::string listen_file() const { return path_ + "/listen"; }
+  [[nodiscard]] std::string url_file() const { return path_ + "/url"; }
   [[nodiscard]] std::string user_file() const { return path_ + "/user"; }
 
   // Reads the users into the store; makes `user` with a random password when it is not among them

@@ -49,10 +49,13 @@ std::string s_client_host(const std::string& host) {
   return host == "127.0.0.1" || host == "0.0.0.0" || host == "::" ? "localhost" : host;
 }
 
+std::string s_url(const run_options& options, const std::string& host, const std::string& port) {
+  return (options.plain ? "amqp://" : "amqps://") + s_client_host(host) + ":" + port;
+}
+
 std::string s_first_screen(const run_options& options, const suite_folder& folder,
                            const std::string& host, const std::string& port) {
-  const std::string url =
-      (options.plain ? "amqp://" : "amqps://") + s_client_host(host) + ":" + port;
+  const std::string url = s_url(options, host, port);
   const std::string certificate =
       options.plain ? "" : " --broker-cert " + folder.certificates().authority;
   return "kv-av-suite listens on " + host + ":" + port +
@@ -90,15 +93,15 @@ void s_add_services(broker& server, suite_services& services) {
   add(kSuiteQueue, &suite_services::suite);
 }
 
-// Announces the address in a file while the broker serves.
-class listen_file {
+// Tells in a file, while the broker serves, where it is.
+class announcement {
  public:
-  listen_file(std::string path, const std::string& address) : path_(std::move(path)) {
-    write_private_file(path_, address + "\n");
+  announcement(std::string path, const std::string& line) : path_(std::move(path)) {
+    write_private_file(path_, line + "\n");
   }
-  ~listen_file() { ::unlink(path_.c_str()); }
-  listen_file(const listen_file&) = delete;
-  listen_file& operator=(const listen_file&) = delete;
+  ~announcement() { ::unlink(path_.c_str()); }
+  announcement(const announcement&) = delete;
+  announcement& operator=(const announcement&) = delete;
 
  private:
   std::string path_;
@@ -121,7 +124,8 @@ void s_serve(const run_options& options, const sigset_t& end_signals) {
     s_add_services(server, services);
   server.start();
   const std::string port = std::to_string(server.port());
-  const listen_file announced(folder.listen_file(), config.host + ":" + port);
+  const announcement url(folder.url_file(), s_url(options, config.host, port));
+  const announcement address(folder.listen_file(), config.host + ":" + port);
   if (!options.quiet)
     std::cerr << s_first_screen(options, folder, config.host, port);
   int signal = 0;
