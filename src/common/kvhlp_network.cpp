@@ -119,7 +119,8 @@ std::string s_connect(int descriptor, const char* host, long port) {
 }
 
 kv_text_ptr s_copy(std::string_view text) {
-  return kv_text_ptr{strndup(text.data(), text.size())};
+  // An empty view may have no address at all, which strndup does not take.
+  return kv_text_ptr{text.empty() ? strdup("") : strndup(text.data(), text.size())};
 }
 
 void s_replace(char*& member, kv_text_ptr& text) {
