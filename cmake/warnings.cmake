@@ -12,6 +12,11 @@ if(KV_SANITIZE)
   endif()
 endif()
 
+# A fuzzer is guided by the code that its inputs reach, that of the libraries above all.
+if(KV_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Hardening of a process that reads hostile bytes all day.
 add_compile_options(-fstack-protector-strong)
 add_link_options(-Wl,-z,relro,-z,now)
