@@ -6,10 +6,9 @@
 #include "support/job_builder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const kv_scanobject_ptr job =
-      make_job({reinterpret_cast<const char*>(data), size},
-               {KV_AC_GIFAR, KV_AC_MSOFFICE_JAVA, KV_AC_MSOFFICE_DDE, KV_AC_MSOFFICE_OLE,
-                KV_AC_MSOFFICE_MACRO});
+  const kv_scanobject_ptr job = make_job({reinterpret_cast<const char*>(data), size},
+                                         {KV_AC_GIFAR, KV_AC_MSOFFICE_JAVA, KV_AC_MSOFFICE_DDE,
+                                          KV_AC_MSOFFICE_OLE, KV_AC_MSOFFICE_MACRO});
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   job->start_ms = static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::milliseconds>(now).count());

@@ -16,7 +16,9 @@ std::uint64_t s_number(const std::string& bytes, std::size_t offset, std::size_t
 
 }  // namespace
 
-cfb_reference::cfb_reference(std::string_view bytes) : bytes_(bytes) { load(); }
+cfb_reference::cfb_reference(std::string_view bytes) : bytes_(bytes) {
+  load();
+}
 
 std::string cfb_reference::block(std::uint64_t number) const {
   const std::uint64_t start = (number + 1) * block_size_;

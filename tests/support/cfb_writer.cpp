@@ -24,6 +24,7 @@ class writer {
   }
 
   cfb_image run() {
+    reserve_header();
     entries_.push_back({&root_});
     add_children(0);
     place_streams();
@@ -35,7 +36,7 @@ class writer {
     blocks_.resize(blocks_.size() + options_.padding_blocks * block_size(), '\0');
     next_.resize(blocks_.size() / block_size(), kCfbEndOfChain);
     add_table();
-    image_.bytes = header() + blocks_;
+    image_.bytes = header() + blocks_.substr(reserved_ * block_size());
     return std::move(image_);
   }
 
@@ -48,6 +49,13 @@ class writer {
     for (int i = 0; i < width; ++i) {
       out.push_back(static_cast<char>(value >> (8 * i)));
     }
+  }
+
+  // Small blocks begin inside the header: the first of them are none.
+  void reserve_header() {
+    reserved_ = block_size() < 512 ? 512 / block_size() - 1 : 0;
+    blocks_.resize(reserved_ * block_size(), '\0');
+    next_.resize(reserved_, kCfbEndOfChain);
   }
 
   void add_children(std::size_t parent) {
@@ -160,8 +168,8 @@ class writer {
     std::size_t metas = 0;
     while (tables * per_block < used + tables + metas) {
       ++tables;
-      metas = tables > kHeaderNumbers ? (tables - kHeaderNumbers + per_block - 2) / (per_block - 1)
-                                      : 0;
+      metas =
+          tables > kHeaderNumbers ? (tables - kHeaderNumbers + per_block - 2) / (per_block - 1) : 0;
     }
     for (std::size_t i = 0; i < tables; ++i) {
       image_.table_blocks.push_back(static_cast<std::uint32_t>(used + i));
@@ -211,6 +219,7 @@ class writer {
   cfb_options options_;
   const cfb_node& root_;
   cfb_image image_;
+  std::size_t reserved_ = 0;
   std::vector<flat_entry> entries_;
   std::vector<std::uint32_t> next_;  // the table, block by block
   std::string blocks_;

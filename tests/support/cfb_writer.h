@@ -58,7 +58,9 @@ struct cfb_image {
   void set_name(std::size_t index, std::string_view name);
   void set_type(std::size_t index, std::uint8_t type);
   void set_links(std::size_t index, std::uint32_t prev, std::uint32_t next, std::uint32_t child);
-  void set_link_next(std::size_t index, std::uint32_t next) { put32(entry_offset(index) + 72, next); }
+  void set_link_next(std::size_t index, std::uint32_t next) {
+    put32(entry_offset(index) + 72, next);
+  }
   void set_link_child(std::size_t index, std::uint32_t child) {
     put32(entry_offset(index) + 76, child);
   }
