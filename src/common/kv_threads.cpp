@@ -4,21 +4,32 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <cerrno>
 
 namespace {
 
 constexpr int kPollIntervalMs = 10;
 
+constexpr int kTryIntervalMs = 2;
+
 // Lives in the frame of the waiting caller, which joins the watcher before it leaves.
 struct join_watch {
   pthread_t target;
-  std::atomic<bool> done{false};  // written by the watcher only
+  std::atomic<bool> done{false};       // written by the watcher only
+  std::atomic<bool> cancelled{false};  // written by the caller only
 };
 
+// Tries instead of blocking: a thread that is cancelled inside pthread_join is torn down in the
+// middle of library code, which race detectors take for an error.
 void* join_timeout_helper(void* argument) {
   auto* const watch = static_cast<join_watch*>(argument);
-  pthread_join(watch->target, nullptr);  // the cancellation point
-  watch->done.store(true, std::memory_order_release);
+  while (!watch->cancelled.load(std::memory_order_acquire)) {
+    if (pthread_tryjoin_np(watch->target, nullptr) != EBUSY) {
+      watch->done.store(true, std::memory_order_release);
+      break;
+    }
+    zclock_sleep(kTryIntervalMs);
+  }
   return nullptr;
 }
 
@@ -64,9 +75,7 @@ int KV_JoinThreadTimeout(pthread_t thread, std::uint32_t limit_ms) {
     zclock_sleep(kPollIntervalMs);
     expired = limit_ms <= s_elapsed_ms(start);
   } while (!watch.done.load(std::memory_order_acquire) && !expired);
-  if (!watch.done.load(std::memory_order_acquire)) {
-    pthread_cancel(watcher);
-  }
+  watch.cancelled.store(true, std::memory_order_release);
   pthread_join(watcher, nullptr);
   // Read once more: a target that was joined while the watcher was being cancelled is gone, and a
   // caller that believes otherwise would join it a second time.
