@@ -11,9 +11,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
-
-#include "messaging/kv_request_reply_types.h"
 
 // A body taken apart. An absent and an empty data element are the same.
 struct kv_body {
@@ -35,13 +34,11 @@ enum class kv_body_error {
 // The service side's text for a body that cannot be taken apart.
 [[nodiscard]] const char* kv_body_error_text(kv_body_error error);
 
-// Puts a message's texts and data into a body. False for a message without JSON text.
-[[nodiscard]] bool kv_body_encode(proton::value& body, const char* json, const void* data,
-                                  std::uint64_t data_size);
-
-// The message in its wire form. size_hint: bytes of the body, so that one pass is enough.
-[[nodiscard]] std::vector<char> kv_encode_message(const proton::message& message,
-                                                  std::uint64_t size_hint);
+// The wire form of a message that has no body yet, with the JSON text and the data as its body. The
+// bytes are copied once: the library would copy them three times, and moves a whole buffer byte by
+// byte when it grows at the wrong moment. Throws std::length_error for more than 4 GB.
+[[nodiscard]] std::vector<char> kv_encode_message(const proton::message& head,
+                                                  std::string_view json, std::string_view data);
 
 // The same text for equal ids of a message, different ones for different ids; empty for no id.
 [[nodiscard]] std::string kv_message_id_key(const proton::message_id& id);

@@ -51,23 +51,27 @@ struct s_request {
   const kv_const_message_t* message;
 };
 
+std::string_view s_lent_data(const kv_const_message_t& message) {
+  return message.data == nullptr
+             ? std::string_view{}
+             : std::string_view{static_cast<const char*>(message.data), message.data_size};
+}
+
 kv_outgoing s_build_request(const s_request& request, const proton::message_id& id,
                             const std::string& reply_queue) {
+  if (request.message->json == nullptr) {
+    throw std::runtime_error("copy_kv_msg_to_vector_msg(): Empty message");
+  }
   proton::message message;
   message.id(id);
   message.to(request.service);
   message.reply_to(reply_queue);
-  if (!kv_body_encode(message.body(), request.message->json, request.message->data,
-                      request.message->data_size)) {
-    throw std::runtime_error("copy_kv_msg_to_vector_msg(): Empty message");
-  }
   if (request.timeout > kv_ms{0}) {  // zero stands for no limit, below it there is no number
     message.ttl(
         proton::duration(static_cast<proton::duration::numeric_type>(request.timeout.count())));
   }
   kv_outgoing outgoing;
-  outgoing.bytes =
-      kv_encode_message(message, std::strlen(request.message->json) + request.message->data_size);
+  outgoing.bytes = kv_encode_message(message, request.message->json, s_lent_data(*request.message));
   outgoing.to = request.service;
   return outgoing;
 }

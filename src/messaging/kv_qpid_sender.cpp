@@ -1,16 +1,21 @@
 #define KV_LOG_UNIT "kv_qpid_proton_mt_interface"
 #include "messaging/kv_qpid_sender.h"
 
+#include <proton/connection.h>
 #include <proton/delivery.h>
 #include <proton/link.h>
+#include <proton/session.h>
 #include <proton/terminus.h>
+#include <proton/transport.h>
 #include <proton/connection.hpp>
+#include <proton/container.hpp>
 #include <proton/error_condition.hpp>
 #include <proton/sender_options.hpp>
 
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 #include "logging/log-helper.h"
@@ -35,6 +40,15 @@ void s_offer_outcomes(const proton::sender& sender) {
     pn_data_put_symbol(outcomes, pn_bytes(std::strlen(name), name));
   }
   pn_data_exit(outcomes);
+}
+
+// What fits into one frame of the peer; everything when it takes frames of any size.
+std::size_t s_portion(pn_link_t* link) {
+  constexpr std::uint32_t kFrameRoom = 256;  // of the transfer's own fields
+  pn_transport_t* transport = pn_connection_transport(pn_session_connection(pn_link_session(link)));
+  const std::uint32_t frame =
+      transport != nullptr ? pn_transport_get_remote_max_frame(transport) : 0;
+  return frame > 2 * kFrameRoom ? frame - kFrameRoom : std::numeric_limits<std::size_t>::max();
 }
 
 std::uint64_t s_tag_number(const proton::tracker& tracker) {
@@ -148,31 +162,30 @@ void qpid_sender::lost() {
   assert(state_.on_container_thread());
   by_tag_.clear();
   sender_ = {};
+  // A message of which a part has gone out is gone; the others wait for the next connection.
+  const bool is_cut = front_sent_ != 0;
+  if (is_cut) {
+    pending_.pop_front();
+    front_sent_ = 0;
+  }
   const std::lock_guard lock(mutex_);
+  queued_ -= is_cut ? 1 : 0;
   work_queue_ = nullptr;
   posted_ = false;
   credit_ = 0;
   changed_.notify_all();
 }
 
-// One batch: what threads have queued, then whatever receivers owe.
+// One turn: what threads have queued, then whatever receivers owe.
 void qpid_sender::flush() {
   assert(state_.on_container_thread());
   kv_barrier("flush", [&] {
-    {
-      const std::lock_guard lock(mutex_);
-      posted_ = false;
-      batch_.swap(outbox_);
-    }
-    int handed_over = 0;
-    for (kv_outgoing& message : batch_) {
-      handed_over += message.bytes.empty() ? 0 : 1;
-      kv_barrier("flush", [&] { flush_one(message); });
-    }
-    batch_.clear();
+    take_outbox();
+    const std::size_t before = pending_.size();
+    send_pending();
     serve_receivers_();
     const std::lock_guard lock(mutex_);
-    queued_ -= handed_over;
+    queued_ -= static_cast<int>(before - pending_.size());
     credit_ = sender_ ? sender_.credit() : 0;
     if (waiting_ > 0) {
       changed_.notify_all();
@@ -180,32 +193,88 @@ void qpid_sender::flush() {
   });
 }
 
-void qpid_sender::flush_one(kv_outgoing& message) {
-  const bool is_reply = message.request.receiver != nullptr;
-  if (is_reply && message.request.generation != state_.generation.load()) {
+// Outcomes are given at once, messages line up.
+void qpid_sender::take_outbox() {
+  {
+    const std::lock_guard lock(mutex_);
+    posted_ = false;
+    batch_.swap(outbox_);
+  }
+  for (kv_outgoing& entry : batch_) {
+    if (!entry.bytes.empty()) {
+      pending_.push_back(std::move(entry));
+    } else if (is_current(entry.request)) {
+      kv_barrier("flush", [&] { settle_request(entry.request, entry.outcome); });
+    }
+  }
+  batch_.clear();
+}
+
+void qpid_sender::send_pending() {
+  while (!pending_.empty() && sender_) {
+    bool done = true;
+    kv_barrier("flush", [&] { done = flush_one(pending_.front()); });
+    if (!done) {
+      go_on_soon();
+      return;
+    }
+    pending_.pop_front();
+    front_sent_ = 0;
+  }
+}
+
+bool qpid_sender::is_current(const kv_request_ref& request) const {
+  return request.receiver == nullptr || request.generation == state_.generation.load();
+}
+
+bool qpid_sender::flush_one(kv_outgoing& message) {
+  if (front_sent_ != 0) {
+    return transmit(message);
+  }
+  if (!is_current(message.request)) {
     KV_LOG_DEBUG("Reply to '%s' dropped: its request belongs to a lost connection",
                  message.to.c_str());
-    return;
-  }
-  if (message.bytes.empty()) {
-    settle_request(message.request, message.outcome);
-    return;
+    return true;
   }
   if (kv_clock::now() > message.deadline) {
     KV_LOG_WARN("Message to '%s' not sent: its time-out has passed", message.to.c_str());
     settle_request(message.request, kv_outcome::modified);
-    return;
+    return true;
   }
-  transmit(message);
-}
-
-void qpid_sender::transmit(const kv_outgoing& message) {
   const std::uint64_t tag = ++next_tag_;
   by_tag_.emplace(tag, sent_message{message.to, message.request});
+  pn_delivery(s_link(sender_).get(), pn_dtag(reinterpret_cast<const char*>(&tag), sizeof tag));
+  return transmit(message);
+}
+
+// The library moves all that is left of a message byte by byte for each frame that it cuts from it:
+// a large message is handed over in portions that fill one frame each.
+bool qpid_sender::transmit(kv_outgoing& message) {
   pn_link_t* link = s_link(sender_).get();
-  pn_delivery(link, pn_dtag(reinterpret_cast<const char*>(&tag), sizeof tag));
-  pn_link_send(link, message.bytes.data(), message.bytes.size());
+  pn_delivery_t* delivery = pn_link_current(link);
+  const std::size_t portion = s_portion(link);
+  front_blocked_ = front_sent_ != 0 && pn_delivery_pending(delivery) != 0;
+  if (front_blocked_) {
+    return false;  // the last portion has not left yet
+  }
+  const std::size_t size = std::min(portion, message.bytes.size() - front_sent_);
+  pn_link_send(link, message.bytes.data() + front_sent_, size);
+  front_sent_ += size;
+  if (front_sent_ < message.bytes.size()) {
+    return false;
+  }
   pn_link_advance(link);
+  return true;
+}
+
+// Another turn: at once when the last portion has left, else when the socket may have room again.
+void qpid_sender::go_on_soon() {
+  if (front_blocked_) {
+    const proton::duration socket_poll(1);
+    sender_.container().schedule(socket_poll, [this] { post(); });
+    return;
+  }
+  post();
 }
 
 void qpid_sender::settle_request(const kv_request_ref& request, kv_outcome outcome) {

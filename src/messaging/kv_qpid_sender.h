@@ -12,6 +12,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -96,8 +97,13 @@ class qpid_sender : public proton::messaging_handler {
                         const Done& done);
   void post_locked();
   void flush();
-  void flush_one(kv_outgoing& message);
-  void transmit(const kv_outgoing& message);
+  void take_outbox();
+  void send_pending();
+  // False when the message needs another turn.
+  bool flush_one(kv_outgoing& message);
+  bool transmit(kv_outgoing& message);
+  void go_on_soon();
+  [[nodiscard]] bool is_current(const kv_request_ref& request) const;
   void settle_request(const kv_request_ref& request, kv_outcome outcome);
   void finish(proton::tracker& tracker, const char* refusal);
 
@@ -109,8 +115,11 @@ class qpid_sender : public proton::messaging_handler {
   proton::sender sender_;
   std::uint64_t next_tag_ = 0;
   std::unordered_map<std::uint64_t, sent_message> by_tag_;  // sent, outcome still to come
-  std::vector<kv_outgoing> batch_;                          // of the job that runs
-  bool reconnected_ = false;                                // the link has been open before
+  std::vector<kv_outgoing> batch_;                          // just taken from the outbox
+  std::deque<kv_outgoing> pending_;  // messages in the order in which they go out
+  std::size_t front_sent_ = 0;       // bytes of the front message handed to Proton so far
+  bool front_blocked_ = false;       // the last portion still waits for the socket
+  bool reconnected_ = false;         // the link has been open before
 
   // Shared, under the mutex.
   mutable std::mutex mutex_;

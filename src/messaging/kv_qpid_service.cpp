@@ -1,7 +1,6 @@
 // The threads that serve requests.
 #define KV_LOG_UNIT "kv_qpid_proton_mt_interface"
-#include <cstring>
-#include <stdexcept>
+#include <string_view>
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
@@ -52,10 +51,11 @@ std::vector<char> s_encode_reply(const kv_received_message& request, const kv_me
   message.correlation_id(request.id);
   message.ttl(proton::duration(static_cast<proton::duration::numeric_type>(time_to_live.count())));
   message.creation_time(proton::timestamp::now());
-  if (!kv_body_encode(message.body(), reply.json, reply.data, reply.data_size)) {
-    throw std::runtime_error("copy_kv_msg_to_vector_msg(): Empty message");
-  }
-  return kv_encode_message(message, std::strlen(reply.json) + reply.data_size);
+  const std::string_view data =
+      reply.data == nullptr
+          ? std::string_view{}
+          : std::string_view{static_cast<const char*>(reply.data), reply.data_size};
+  return kv_encode_message(message, reply.json, data);
 }
 
 void s_send_reply(kv_qpid_transport& transport, const std::string& service,
