@@ -21,11 +21,11 @@ enum class byte_kind : std::uint8_t { other, white_space, leading };
 // What a first byte makes of its cell. White space is that of the C locale.
 constexpr std::array<byte_kind, 256> s_kinds() {
   std::array<byte_kind, 256> kinds{};
-  for (const unsigned char byte : {' ', '\t', '\n', '\v', '\f', '\r'}) {
-    kinds[byte] = byte_kind::white_space;
+  for (const char byte : {' ', '\t', '\n', '\v', '\f', '\r'}) {
+    kinds[static_cast<unsigned char>(byte)] = byte_kind::white_space;
   }
-  for (const unsigned char byte : {'=', '+', '-', '@'}) {
-    kinds[byte] = byte_kind::leading;
+  for (const char byte : {'=', '+', '-', '@'}) {
+    kinds[static_cast<unsigned char>(byte)] = byte_kind::leading;
   }
   return kinds;
 }
