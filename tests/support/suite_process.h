@@ -24,7 +24,7 @@ class suite_process {
   suite_process(const suite_process&) = delete;
   suite_process& operator=(const suite_process&) = delete;
 
-  // Again, on the port of the first start.
+  // Again, on the port of the first start. The suite ends with the thread that started it.
   void start();
   // As an operator ends it; true when it ended by itself with status 0.
   bool stop();
