@@ -68,20 +68,19 @@ void s_free_shared_records(kv_worker_process_t& process) {
   process.shared.reset();
 }
 
-struct stop_step {
-  const char* name;
-  void (*run)(kv_worker_process_t& process);
-};
+using stop_step = void (*)(kv_worker_process_t& process);
 
 // No request is taken any more before anything that a request needs goes.
-constexpr std::array kSteps{
-    stop_step{"worker threads", s_stop_worker_threads},
-    stop_step{"completion", s_log_completion},
-    stop_step{"shutdown report", s_report_shutdown},
-    stop_step{"event log", s_stop_event_log},
-    stop_step{"broker", s_end_broker},
-    stop_step{"service", s_clean_up_service},
+// clang-format off
+constexpr std::array<stop_step, 6> kSteps{
+    s_stop_worker_threads,
+    s_log_completion,
+    s_report_shutdown,
+    s_stop_event_log,
+    s_end_broker,
+    s_clean_up_service,
 };
+// clang-format on
 
 // A scan that outlasted every limit still holds its thread's parameters and the service's state.
 bool s_a_thread_is_at_work(const kv_worker_process_t& process) {
@@ -100,9 +99,9 @@ void s_end_trace() {
 }  // namespace
 
 int kv_worker_shut_down(kv_worker_process_t& process) {
-  for (const stop_step& step : kSteps) {
+  for (const stop_step step : kSteps) {
     kv_worker_report_signal();
-    step.run(process);
+    step(process);
   }
   process.work_left_behind = s_a_thread_is_at_work(process);
   if (!process.work_left_behind) {
