@@ -241,7 +241,7 @@ bool s_is_text(std::uint8_t byte) {
 bool s_may_be_text_encoded(bytes start) {
   constexpr std::string_view kBegin = "begin";
   const bytes head = start.first(std::min(start.size(), std::size_t{4}));
-  return std::ranges::all_of(head, s_is_text) &&
+  return !start.empty() && std::ranges::all_of(head, s_is_text) &&
          memmem(start.data(), std::min(start.size(), kUuReach), kBegin.data(), kBegin.size()) !=
              nullptr;
 }
