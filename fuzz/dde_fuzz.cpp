@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const kv_dde_pattern pattern : {KV_DDE_SIMPLE, KV_DDE_LINK, KV_DDE_AUTO}) {
     const kv_dde_rule& rule = kv_dde_rule_of(pattern);
     const int expected = s_match_regex(rule.pattern, rule.name, text.data(), text.size());
-    const auto stretch = kv_dde_find(pattern, text);
+    const auto stretch = kv_dde_find(text)[pattern];
     if (stretch.has_value() != (expected == 1)) {
       std::abort();
     }

@@ -33,38 +33,37 @@ constexpr char s_fold(char c) {
   return static_cast<char>(c | 0x20);
 }
 
-// Where the next "dde", in any letter case, begins at or behind a place; the text's length if
-// nowhere. The byte behind it exists.
-std::size_t s_next_dde(std::string_view text, std::size_t at) {
+// Bit i is set where "dde", in any letter case, begins i bytes behind a place that has 18 bytes.
+unsigned s_dde_mask(const char* place) {
   const __m128i case_bit = _mm_set1_epi8(0x20);
   const __m128i d = _mm_set1_epi8('d');
-  const __m128i e = _mm_set1_epi8('e');
-  const auto load = [&](std::size_t offset) {
-    const auto* place = reinterpret_cast<const __m128i*>(text.data() + offset);
-    return _mm_or_si128(_mm_loadu_si128(place), case_bit);
+  const auto folded = [&](std::size_t offset) {
+    const auto* from = reinterpret_cast<const __m128i*>(place + offset);
+    return _mm_or_si128(_mm_loadu_si128(from), case_bit);
   };
+  const __m128i both_d = _mm_and_si128(_mm_cmpeq_epi8(folded(0), d), _mm_cmpeq_epi8(folded(1), d));
+  const __m128i third = _mm_cmpeq_epi8(folded(2), _mm_set1_epi8('e'));
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(both_d, third)));
+}
+
+// Calls visit(place) wherever "dde", in any letter case, begins, until it answers false.
+template <class Visit>
+void s_for_each_dde(std::string_view text, Visit visit) {
+  std::size_t at = 0;
   for (; at + 18 <= text.size(); at += 16) {
-    const __m128i second = _mm_cmpeq_epi8(load(at + 1), d);
-    const __m128i third = _mm_cmpeq_epi8(load(at + 2), e);
-    const __m128i first_and_third = _mm_and_si128(_mm_cmpeq_epi8(load(at), d), third);
-    const int hits = _mm_movemask_epi8(_mm_and_si128(first_and_third, second));
-    if (hits != 0) {
-      return at + static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(hits)));
+    for (unsigned hits = s_dde_mask(text.data() + at); hits != 0; hits &= hits - 1) {
+      if (!visit(at + static_cast<std::size_t>(std::countr_zero(hits)))) {
+        return;
+      }
     }
   }
   for (; at + 3 <= text.size(); ++at) {
-    if (s_fold(text[at]) == 'd' && s_fold(text[at + 1]) == 'd' && s_fold(text[at + 2]) == 'e') {
-      return at;
+    const bool hit =
+        s_fold(text[at]) == 'd' && s_fold(text[at + 1]) == 'd' && s_fold(text[at + 2]) == 'e';
+    if (hit && !visit(at)) {
+      return;
     }
   }
-  return text.size();
-}
-
-bool s_holds_folded(std::string_view text, std::size_t at, std::string_view lower_case) {
-  return text.size() - at >= lower_case.size() &&
-         std::equal(lower_case.begin(), lower_case.end(),
-                    text.begin() + static_cast<std::ptrdiff_t>(at),
-                    [](char a, char b) { return a == s_fold(b); });
 }
 
 // The last end of a word before a place, with no "<" between: where the match may begin.
@@ -87,45 +86,74 @@ std::optional<std::size_t> s_word_begin_behind(std::string_view text, std::size_
   return static_cast<std::size_t>(hit - text.begin());
 }
 
-// A field word and white space, after the end of some word and before the beginning of a later one.
-// Between one field word and the next both searches end at a word, so that all of them together
-// look at no byte more than twice.
-std::optional<std::string_view> s_find_field(std::string_view text, std::string_view field) {
-  for (std::size_t at = s_next_dde(text, 0); at < text.size(); at = s_next_dde(text, at + 1)) {
-    const std::size_t behind = at + field.size();
-    if (!s_holds_folded(text, at, field) || behind >= text.size() || !s_is_space(text[behind])) {
-      continue;
-    }
-    const auto begin = s_word_begin_behind(text, behind + 1);
-    const auto end = begin ? s_word_end_before(text, at) : std::nullopt;
-    if (end) {
-      return text.substr(*end - 1, *begin + 1 - (*end - 1));
-    }
-  }
-  return std::nullopt;
-}
+// One pass for the three patterns. Searches around a field word end at a word, at the latest at
+// the field word before or behind, so that all of them together look at no byte more than twice.
+class field_search {
+ public:
+  explicit field_search(std::string_view text) : text_(text) {}
 
-// The element name at the beginning of a word, white space, and a word anywhere behind it.
-std::optional<std::string_view> s_find_link(std::string_view text) {
-  constexpr std::string_view kName = "ddeLink";
-  for (std::size_t at = text.find(kName); at != std::string_view::npos;
-       at = text.find(kName, at + 1)) {
-    const std::size_t behind = at + kName.size();
-    if ((at > 0 && s_is_word(text[at - 1])) || behind >= text.size() || !s_is_space(text[behind])) {
-      continue;
-    }
-    const auto rest = text.begin() + static_cast<std::ptrdiff_t>(behind);
-    const auto word = std::find_if(rest, text.end(), s_is_word);
-    if (word == text.end()) {
-      return std::nullopt;  // nor is there one behind any later name
-    }
-    const auto word_end = std::find_if_not(word, text.end(), s_is_word);
-    const std::size_t first = at > 0 ? at - 1 : 0;
-    const auto last = static_cast<std::size_t>(word_end - text.begin());
-    return text.substr(first, std::min(last + 1, text.size()) - first);
+  kv_dde_stretches run() {
+    s_for_each_dde(text_, [this](std::size_t at) {
+      judge(at);
+      return !std::ranges::all_of(found_, [](const auto& stretch) { return stretch.has_value(); });
+    });
+    return found_;
   }
-  return std::nullopt;
-}
+
+ private:
+  void judge(std::size_t at) {
+    constexpr std::size_t kDde = 3;
+    constexpr std::size_t kLonger = 7;  // ddeauto, ddeLink
+    const std::string_view rest = text_.substr(at + kDde);
+    if (rest.empty()) {
+      return;
+    }
+    if (s_is_space(rest[0])) {
+      note_field(KV_DDE_SIMPLE, at, at + kDde);
+    } else if (at + kLonger < text_.size() && s_is_space(text_[at + kLonger])) {
+      if (text_.substr(at, kLonger) == "ddeLink") {
+        note_link(at, at + kLonger);
+      } else if (std::equal(rest.begin(), rest.begin() + 4, "auto",
+                            [](char a, char b) { return s_fold(a) == b; })) {
+        note_field(KV_DDE_AUTO, at, at + kLonger);
+      }
+    }
+  }
+
+  // A field word and white space, after the end of some word and before the beginning of a later
+  // one.
+  void note_field(kv_dde_pattern pattern, std::size_t at, std::size_t space) {
+    if (found_[pattern]) {
+      return;
+    }
+    const auto begin = s_word_begin_behind(text_, space + 1);
+    const auto end = begin ? s_word_end_before(text_, at) : std::nullopt;
+    if (end) {
+      found_[pattern] = text_.substr(*end - 1, *begin + 1 - (*end - 1));
+    }
+  }
+
+  // The element name at the beginning of a word, white space, and a word anywhere behind it.
+  void note_link(std::size_t at, std::size_t space) {
+    if (found_[KV_DDE_LINK] || no_word_follows_ || (at > 0 && s_is_word(text_[at - 1]))) {
+      return;
+    }
+    const auto rest = text_.begin() + static_cast<std::ptrdiff_t>(space);
+    const auto word = std::find_if(rest, text_.end(), s_is_word);
+    no_word_follows_ = word == text_.end();
+    if (no_word_follows_) {
+      return;
+    }
+    const auto word_end = std::find_if_not(word, text_.end(), s_is_word);
+    const std::size_t first = at > 0 ? at - 1 : 0;
+    const auto last = static_cast<std::size_t>(word_end - text_.begin());
+    found_[KV_DDE_LINK] = text_.substr(first, std::min(last + 1, text_.size()) - first);
+  }
+
+  std::string_view text_;
+  kv_dde_stretches found_;
+  bool no_word_follows_ = false;  // nor does one follow any later name
+};
 
 struct compiled_pattern {
   regex_t regex{};
@@ -143,9 +171,9 @@ struct compiled_pattern {
 };
 
 // The expression itself, on the stretch where it must match.
-int s_check_pattern(kv_dde_pattern pattern, std::string_view text) {
+int s_check_pattern(kv_dde_pattern pattern, const kv_dde_stretches& stretches) {
   const kv_dde_rule& rule = kv_dde_rule_of(pattern);
-  const auto stretch = kv_dde_find(pattern, text);
+  const auto& stretch = stretches[pattern];
   if (!stretch) {
     KV_LOG_AS(KV_LOG_LEVEL_DEBUG, "s_match_regex", "no match");
     return 0;
@@ -181,20 +209,14 @@ int s_match_regex(const char* pattern, const char* pattern_name, const char* byt
   return -1;
 }
 
-std::optional<std::string_view> kv_dde_find(kv_dde_pattern pattern, std::string_view text) {
-  switch (pattern) {
-    case KV_DDE_SIMPLE:
-      return s_find_field(text, "dde");
-    case KV_DDE_AUTO:
-      return s_find_field(text, "ddeauto");
-    default:
-      return s_find_link(text);
-  }
+kv_dde_stretches kv_dde_find(std::string_view text) {
+  return field_search{text}.run();
 }
 
 int kv_dde_check(std::string_view text) {
-  const int dde_simple = s_check_pattern(KV_DDE_SIMPLE, text);
-  const int ddelink = s_check_pattern(KV_DDE_LINK, text);
-  const int ddeauto = s_check_pattern(KV_DDE_AUTO, text);
+  const kv_dde_stretches stretches = kv_dde_find(text);
+  const int dde_simple = s_check_pattern(KV_DDE_SIMPLE, stretches);
+  const int ddelink = s_check_pattern(KV_DDE_LINK, stretches);
+  const int ddeauto = s_check_pattern(KV_DDE_AUTO, stretches);
   return kv_dde_outcome(ddeauto, ddelink, dde_simple);
 }

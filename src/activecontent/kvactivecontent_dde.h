@@ -4,6 +4,7 @@
 // instructions per byte says first whether one can match. Pure save for the trace; any thread that
 // is in the "C" locale.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -22,10 +23,11 @@ struct kv_dde_rule {
 [[nodiscard]] int s_match_regex(const char* pattern, const char* pattern_name, const char* bytes,
                                 std::size_t length);
 
-// A stretch of the text that holds a match together with the characters that decide on its word
-// boundaries; none when the pattern matches nowhere. Exact, and linear in the text.
-[[nodiscard]] std::optional<std::string_view> kv_dde_find(kv_dde_pattern pattern,
-                                                          std::string_view text);
+// For each pattern a stretch of the text that holds a match together with the characters that
+// decide on its word boundaries; none when the pattern matches nowhere.
+using kv_dde_stretches = std::array<std::optional<std::string_view>, KV_DDE_PATTERN_COUNT>;
+// Exact, and linear in the text.
+[[nodiscard]] kv_dde_stretches kv_dde_find(std::string_view text);
 
 // What the results of the three patterns come to: the first that is not 0, in the order ddeauto,
 // ddelink, dde_simple. A failure so hides the patterns behind it.

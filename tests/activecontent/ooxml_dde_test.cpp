@@ -21,9 +21,9 @@ class DdeText : public testing::TestWithParam<dde_case> {};
 TEST_P(DdeText, IsJudgedAsTheExpressionsDo) {
   const dde_case& c = GetParam();
   const std::string text = c.text;
-  EXPECT_EQ(kv_dde_find(KV_DDE_SIMPLE, text).has_value(), c.simple);
-  EXPECT_EQ(kv_dde_find(KV_DDE_LINK, text).has_value(), c.link);
-  EXPECT_EQ(kv_dde_find(KV_DDE_AUTO, text).has_value(), c.automatic);
+  EXPECT_EQ(kv_dde_find(text)[KV_DDE_SIMPLE].has_value(), c.simple);
+  EXPECT_EQ(kv_dde_find(text)[KV_DDE_LINK].has_value(), c.link);
+  EXPECT_EQ(kv_dde_find(text)[KV_DDE_AUTO].has_value(), c.automatic);
   EXPECT_EQ(s_regex(KV_DDE_SIMPLE, text), c.simple);
   EXPECT_EQ(s_regex(KV_DDE_LINK, text), c.link);
   EXPECT_EQ(s_regex(KV_DDE_AUTO, text), c.automatic);
@@ -97,7 +97,7 @@ TEST(Dde, TheSearchAgreesWithTheExpressionsOnAnyText) {
   for (int round = 0; round < 6000; ++round) {
     const std::string text = s_random_text(random);
     for (const kv_dde_pattern pattern : {KV_DDE_SIMPLE, KV_DDE_LINK, KV_DDE_AUTO}) {
-      const auto stretch = kv_dde_find(pattern, text);
+      const auto stretch = kv_dde_find(text)[pattern];
       ASSERT_EQ(stretch.has_value(), s_regex(pattern, text)) << testing::PrintToString(text);
       if (stretch) {
         ++matches;
@@ -111,8 +111,8 @@ TEST(Dde, TheSearchAgreesWithTheExpressionsOnAnyText) {
 TEST(Dde, EveryPlaceOfAFieldIsFound) {
   for (std::size_t before = 0; before < 70; ++before) {
     const std::string text = "a" + std::string(before, ' ') + " ddeAUTO x";
-    EXPECT_TRUE(kv_dde_find(KV_DDE_AUTO, text).has_value()) << before;
-    EXPECT_FALSE(kv_dde_find(KV_DDE_AUTO, text.substr(0, text.size() - 1)).has_value()) << before;
+    EXPECT_TRUE(kv_dde_find(text)[KV_DDE_AUTO].has_value()) << before;
+    EXPECT_FALSE(kv_dde_find(text.substr(0, text.size() - 1))[KV_DDE_AUTO].has_value()) << before;
   }
 }
 
