@@ -21,24 +21,10 @@ constexpr std::size_t kNowhere = std::string_view::npos;
 
 // Where "obj" begins in the block, judged by all three bytes at once.
 std::uint64_t s_object_bits(const char* bytes) {
-  const __m128i o = _mm_set1_epi8('o');
-  const __m128i b = _mm_set1_epi8('b');
-  const __m128i j = _mm_set1_epi8('j');
-  const kv_byte_block first = kv_byte_block::load(bytes);
-  const kv_byte_block second = kv_byte_block::load(bytes + 1);
-  const kv_byte_block third = kv_byte_block::load(bytes + 2);
-  kv_byte_block hits;
-  __m128i any = _mm_setzero_si128();
-  for (std::size_t i = 0; i < kv_byte_block::kParts; ++i) {
-    hits.parts[i] = _mm_and_si128(
-        _mm_and_si128(_mm_cmpeq_epi8(first.parts[i], o), _mm_cmpeq_epi8(second.parts[i], b)),
-        _mm_cmpeq_epi8(third.parts[i], j));
-    any = _mm_or_si128(any, hits.parts[i]);
-  }
-  if (_mm_movemask_epi8(any) == 0) {
-    return 0;
-  }
-  return hits.mask([](__m128i part) { return part; });
+  const kv_byte_block hits = kv_byte_block::load(bytes).equal_bytes('o') &
+                             kv_byte_block::load(bytes + 1).equal_bytes('b') &
+                             kv_byte_block::load(bytes + 2).equal_bytes('j');
+  return hits.any() ? hits.bits() : 0;
 }
 
 // The next "obj" at or behind from that lies whole within the bytes.
@@ -56,19 +42,28 @@ std::size_t s_find_object(std::string_view in, std::size_t from) {
 
 // The nearest line break before an offset, but behind start.
 std::size_t s_find_line_break(std::string_view in, std::size_t start, std::size_t before) {
-  if (before <= start + 1) {
+  constexpr std::size_t kUsualHeader = 32;  // bytes worth a look each; longer lines are rare
+  std::size_t at = before;
+  while (at > start + 1 && before - at < kUsualHeader) {
+    --at;
+    if (in[at] == '\n' || in[at] == '\r') {
+      return at;
+    }
+  }
+  if (at <= start + 1) {
     return kNowhere;
   }
   const char* begin = in.data() + start + 1;
-  const char* end = in.data() + before;
-  const void* feed = memrchr(begin, '\n', static_cast<std::size_t>(end - begin));
-  const char* nearest = static_cast<const char*>(feed);
-  const char* rest = nearest == nullptr ? begin : nearest + 1;
-  const void* carriage_return = memrchr(rest, '\r', static_cast<std::size_t>(end - rest));
-  if (carriage_return != nullptr) {
-    nearest = static_cast<const char*>(carriage_return);
+  std::size_t found = kNowhere;
+  for (const char line_break : {'\n', '\r'}) {
+    const char* rest = found == kNowhere ? begin : in.data() + found + 1;
+    const void* nearest =
+        memrchr(rest, line_break, static_cast<std::size_t>(in.data() + at - rest));
+    if (nearest != nullptr) {
+      found = static_cast<std::size_t>(static_cast<const char*>(nearest) - in.data());
+    }
   }
-  return nearest == nullptr ? kNowhere : static_cast<std::size_t>(nearest - in.data());
+  return found;
 }
 
 // The "j" of the "endobj" that closes an object whose first "obj" is given. Every "endobj" ends in

@@ -19,19 +19,17 @@ struct opening {
 // The first "<<". A "<" with a zero byte behind it may be half of one.
 opening s_find_opening(const kv_text_window& object) {
   kv_block_reader reader{object};
-  for (std::size_t offset = 0; offset < object.size; offset += KV_BLOCK_SIZE) {
-    const char* bytes = reader.at(offset);
-    const std::uint64_t less = kv_byte_block::load(bytes).equal('<');
-    if (less == 0) {
-      continue;
-    }
-    const kv_byte_block next = kv_byte_block::load(bytes + 1);
-    const std::uint64_t candidates =
-        less & (next.equal('<') | next.equal('\0')) & s_pair_bits(object, offset);
-    if (candidates != 0) {
-      const std::size_t at = offset + kv_first_bit(candidates);
-      return {object.bytes[at + 1] == '<' ? kv_pdf_presence::found : kv_pdf_presence::behind_zero,
-              at};
+  for (std::size_t offset = 0; offset + 1 < object.size; offset += KV_BLOCK_SIZE) {
+    std::uint64_t hits =
+        kv_byte_block::load(reader.at(offset)).equal('<') & s_pair_bits(object, offset);
+    for (; hits != 0; hits &= hits - 1) {
+      const std::size_t at = offset + kv_first_bit(hits);
+      if (object.bytes[at + 1] == '<') {
+        return {kv_pdf_presence::found, at};
+      }
+      if (object.bytes[at + 1] == '\0') {
+        return {kv_pdf_presence::behind_zero, at};
+      }
     }
   }
   return {kv_pdf_presence::absent, 0};
@@ -55,6 +53,9 @@ class level_counter {
       if (byte == '\0') {
         return outcome::zero;
       }
+      if (byte != text_.bytes[at + 1]) {
+        continue;
+      }
       taken_ = at + kPair;
       depth_ += byte == '<' ? 1 : std::size_t{0} - 1;
       if (depth_ == 0) {
@@ -72,12 +73,19 @@ class level_counter {
   std::size_t taken_ = 0;
 };
 
+// Zero bytes, and brackets with a bracket behind them: pairs, and mixed ones among them.
 std::uint64_t s_level_marks(const kv_text_window& text, const char* bytes, std::size_t offset) {
-  const kv_byte_block here = kv_byte_block::load(bytes);
-  const kv_byte_block next = kv_byte_block::load(bytes + 1);
-  const std::uint64_t pairs =
-      (here.equal('<') & next.equal('<')) | (here.equal('>') & next.equal('>'));
-  return (pairs & s_pair_bits(text, offset)) | (here.equal('\0') & kv_low_bits(text.size - offset));
+  constexpr char kDifference = '<' ^ '>';
+  const __m128i difference = _mm_set1_epi8(kDifference);
+  const kv_byte_block block = kv_byte_block::load(bytes);
+  const std::uint64_t brackets =
+      block.map([&](__m128i part) { return _mm_or_si128(part, difference); })
+          .equal('<' | kDifference);
+  const bool goes_on = (bytes[KV_BLOCK_SIZE] | kDifference) == ('<' | kDifference);
+  const std::uint64_t next = brackets >> 1 | std::uint64_t{goes_on} << (KV_BLOCK_SIZE - 1);
+  const std::uint64_t pairs = brackets & next & s_pair_bits(text, offset);
+  const kv_byte_block zeros = block.equal_bytes('\0');
+  return zeros.any() ? pairs | (zeros.bits() & kv_low_bits(text.size - offset)) : pairs;
 }
 
 int s_hex_value(char digit) {

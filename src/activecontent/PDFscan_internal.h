@@ -48,12 +48,17 @@ class kv_pdf_keywords {
   void add(std::size_t row);
   void add_starter(char byte);
   [[nodiscard]] std::uint64_t starters(const char* bytes) const;
-  void examine(const kv_text_window& dictionary, std::size_t at, row_set& unseen,
+  // Rows that may begin with the two bytes.
+  [[nodiscard]] unsigned rows_of(const char* bytes) const {
+    return static_cast<unsigned>(rows_by_first_[static_cast<unsigned char>(bytes[0])] &
+                                 rows_by_second_[static_cast<unsigned char>(bytes[1])]);
+  }
+  void examine(const kv_text_window& dictionary, std::size_t at, unsigned rows, row_set& unseen,
                row_set& counting) const;
 
   std::array<std::string_view, KV_PDF_MAX_KEYWORDS> words_{};
   std::size_t count_ = 0;
-  __m128i starter_bytes_[2 * KV_PDF_MAX_KEYWORDS];  // first bytes, each once
+  __m128i starter_bytes_[2 * KV_PDF_MAX_KEYWORDS];  // first bytes, each once, in all places
   std::size_t starter_count_ = 0;
   std::array<row_set, 256> rows_by_first_{};   // rows whose word begins with the byte
   std::array<row_set, 256> rows_by_second_{};  // rows whose word goes on with the byte

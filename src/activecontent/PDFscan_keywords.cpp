@@ -54,19 +54,18 @@ void kv_pdf_keywords::add(std::size_t row) {
 }
 
 std::uint64_t kv_pdf_keywords::starters(const char* bytes) const {
-  return kv_byte_block::load(bytes).mask([this](__m128i part) {
-    __m128i any = _mm_setzero_si128();
-    for (std::size_t i = 0; i < starter_count_; ++i) {
-      any = _mm_or_si128(any, _mm_cmpeq_epi8(part, starter_bytes_[i]));
-    }
-    return any;
-  });
+  const kv_byte_block block = kv_byte_block::load(bytes);
+  kv_byte_block any{};
+  for (std::size_t i = 0; i < starter_count_; ++i) {
+    const __m128i wanted = starter_bytes_[i];
+    any = any | block.map([&](__m128i part) { return _mm_cmpeq_epi8(part, wanted); });
+  }
+  return any.bits();
 }
 
-void kv_pdf_keywords::examine(const kv_text_window& dictionary, std::size_t at, row_set& unseen,
-                              row_set& counting) const {
+void kv_pdf_keywords::examine(const kv_text_window& dictionary, std::size_t at, unsigned rows,
+                              row_set& unseen, row_set& counting) const {
   const char* bytes = dictionary.bytes + at;
-  unsigned rows = unseen & rows_by_first_[s_index(bytes[0])] & rows_by_second_[s_index(bytes[1])];
   for (; rows != 0; rows &= rows - 1) {
     const std::string_view word = words_[static_cast<std::size_t>(std::countr_zero(rows))];
     if (word.size() >= dictionary.size - at || !s_equal_caseless(bytes, word)) {
@@ -89,7 +88,11 @@ std::int32_t kv_pdf_keywords::find(const kv_text_window& dictionary) const {
     std::uint64_t candidates =
         starters(reader.at(offset)) & kv_low_bits(dictionary.size - 1 - offset);
     for (; candidates != 0 && unseen != 0; candidates &= candidates - 1) {
-      examine(dictionary, offset + kv_first_bit(candidates), unseen, counting);
+      const std::size_t at = offset + kv_first_bit(candidates);
+      const unsigned rows = rows_of(dictionary.bytes + at) & unseen;
+      if (rows != 0) {
+        examine(dictionary, at, rows, unseen, counting);
+      }
     }
   }
   return counting == 0 ? KV_PDF_NO_MATCH : std::countr_zero(counting);

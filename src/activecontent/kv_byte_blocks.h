@@ -14,35 +14,62 @@
 inline constexpr std::size_t KV_BLOCK_SIZE = 64;
 
 struct kv_byte_block {
-  static constexpr std::size_t kParts = KV_BLOCK_SIZE / sizeof(__m128i);
-  __m128i parts[kParts];
+  // Four, written out wherever they are worked on: compilers leave loops over them standing.
+  __m128i parts[4];
 
   // Reads KV_BLOCK_SIZE bytes.
   static kv_byte_block load(const char* bytes) {
-    kv_byte_block block;
-    for (std::size_t i = 0; i < kParts; ++i) {
-      block.parts[i] =
-          _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + sizeof(__m128i) * i));
-    }
-    return block;
+    return {{s_load(bytes), s_load(bytes + 16), s_load(bytes + 32), s_load(bytes + 48)}};
   }
 
-  // The mask of the bytes that test maps to all ones, in vectors of sixteen.
+  // What test makes of each vector of sixteen.
   template <class Test>
-  [[nodiscard]] std::uint64_t mask(Test test) const {
-    std::uint64_t bits = 0;
-    for (std::size_t i = 0; i < kParts; ++i) {
-      const auto sixteen = static_cast<std::uint32_t>(_mm_movemask_epi8(test(parts[i])));
-      bits |= std::uint64_t{sixteen} << (sizeof(__m128i) * i);
-    }
-    return bits;
+  [[nodiscard]] kv_byte_block map(Test test) const {
+    return {{test(parts[0]), test(parts[1]), test(parts[2]), test(parts[3])}};
+  }
+  [[nodiscard]] kv_byte_block equal_bytes(char value) const {
+    const __m128i wanted = _mm_set1_epi8(value);
+    return map([&](__m128i part) { return _mm_cmpeq_epi8(part, wanted); });
+  }
+  [[nodiscard]] kv_byte_block operator&(const kv_byte_block& other) const {
+    return {{_mm_and_si128(parts[0], other.parts[0]), _mm_and_si128(parts[1], other.parts[1]),
+             _mm_and_si128(parts[2], other.parts[2]), _mm_and_si128(parts[3], other.parts[3])}};
+  }
+  [[nodiscard]] kv_byte_block operator|(const kv_byte_block& other) const {
+    return {{_mm_or_si128(parts[0], other.parts[0]), _mm_or_si128(parts[1], other.parts[1]),
+             _mm_or_si128(parts[2], other.parts[2]), _mm_or_si128(parts[3], other.parts[3])}};
   }
 
-  [[nodiscard]] std::uint64_t equal(char value) const {
-    const __m128i wanted = _mm_set1_epi8(value);
-    return mask([&](__m128i part) { return _mm_cmpeq_epi8(part, wanted); });
+  // True when a byte is not zero in its highest bit, as those that compared equal are.
+  [[nodiscard]] bool any() const {
+    return _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(parts[0], parts[1]),
+                                          _mm_or_si128(parts[2], parts[3]))) != 0;
+  }
+  // The highest bits as a mask.
+  [[nodiscard]] std::uint64_t bits() const {
+    return s_bits(parts[0]) | s_bits(parts[1]) << 16 | s_bits(parts[2]) << 32 |
+           s_bits(parts[3]) << 48;
+  }
+  [[nodiscard]] std::uint64_t equal(char value) const { return equal_bytes(value).bits(); }
+
+ private:
+  static __m128i s_load(const char* bytes) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  }
+  static std::uint64_t s_bits(__m128i part) {
+    return static_cast<std::uint32_t>(_mm_movemask_epi8(part));
   }
 };
+
+// How many bits are set. Without the processor's own instruction, which not every x86-64 has, the
+// library's function costs a call.
+[[nodiscard]] constexpr std::size_t kv_count_bits(std::uint64_t bits) {
+  bits -= (bits >> 1) & 0x5555555555555555U;
+  bits = (bits & 0x3333333333333333U) + ((bits >> 2) & 0x3333333333333333U);
+  bits = (bits + (bits >> 4)) & 0x0f0f0f0f0f0f0f0fU;
+  return static_cast<std::size_t>((bits * 0x0101010101010101U) >> 56);
+}
+static_assert(kv_count_bits(0) == 0 && kv_count_bits(~std::uint64_t{0}) == 64);
 
 // Mask of the lowest count bits, at most 64.
 [[nodiscard]] inline std::uint64_t kv_low_bits(std::size_t count) {

@@ -60,8 +60,11 @@ bool kv_csv_is_bai(std::string_view text) {
   kv_block_reader reader{window};
   record_counter records{text};
   for (std::size_t offset = 0; offset < text.size(); offset += KV_BLOCK_SIZE) {
-    std::uint64_t ends = kv_byte_block::load(reader.at(offset)).equal(kRecordEnd);
-    for (; ends != 0; ends &= ends - 1) {
+    const kv_byte_block hits = kv_byte_block::load(reader.at(offset)).equal_bytes(kRecordEnd);
+    if (!hits.any()) {
+      continue;
+    }
+    for (std::uint64_t ends = hits.bits(); ends != 0; ends &= ends - 1) {
       records.take(offset + kv_first_bit(ends));
       if (records.count() > kThreshold) {
         return true;

@@ -2,7 +2,6 @@
 #define KV_LOG_UNIT "kvactivecontent_csv"
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <optional>
 #include <span>
 #include <string>
@@ -67,28 +66,21 @@ class line_counter {
     for (std::size_t i = 0; i < delimiters_.size(); ++i) {
       masks.delimiters[i] = bytes.equal(delimiters_[i]) & valid;
     }
-    const std::uint64_t hiding = s_hiding(bytes) & valid;
-    if (hiding == 0 && quoting_ == quoting::none && hidden_to_ <= offset) {
+    const kv_byte_block hiding = s_hiding(bytes);
+    if (!hiding.any() && quoting_ == quoting::none && hidden_to_ <= offset) {
       return take_bare(masks, offset, on_line);
     }
     const std::optional<quoting> behind = hide_quoted(bytes, offset, valid, masks);
     if (!behind) {
-      return take_marks(masks, hiding, offset, on_line);
+      return take_marks(masks, hiding.bits() & valid, offset, on_line);
     }
     const bool go_on = take_bare(masks, offset, on_line);
     quoting_ = *behind;
     return go_on;
   }
 
-  static std::uint64_t s_hiding(const kv_byte_block& bytes) {
-    const __m128i double_quote = _mm_set1_epi8('"');
-    const __m128i single_quote = _mm_set1_epi8('\'');
-    const __m128i backslash = _mm_set1_epi8('\\');
-    return bytes.mask([&](__m128i part) {
-      return _mm_or_si128(
-          _mm_cmpeq_epi8(part, backslash),
-          _mm_or_si128(_mm_cmpeq_epi8(part, double_quote), _mm_cmpeq_epi8(part, single_quote)));
-    });
+  static kv_byte_block s_hiding(const kv_byte_block& bytes) {
+    return bytes.equal_bytes('"') | bytes.equal_bytes('\'') | bytes.equal_bytes('\\');
   }
 
   // The common case of quoting: double quotes, closed on their line, with no backslash and no
@@ -129,7 +121,7 @@ class line_counter {
 
   void add(const block_masks& masks, std::uint64_t part) {
     for (std::size_t i = 0; i < delimiters_.size(); ++i) {
-      counts_[i] += static_cast<std::size_t>(std::popcount(masks.delimiters[i] & part));
+      counts_[i] += kv_count_bits(masks.delimiters[i] & part);
     }
   }
 
