@@ -1,4 +1,5 @@
 #include "activecontent/kvactivecontent_service_internal.h"
+#include "activecontent/kvactivecontent_switches.h"
 
 #include <algorithm>
 #include <array>
@@ -22,38 +23,6 @@ constexpr const char* kAny = "ALL";
 constexpr const char* kLoader = "kvactivecontent_load_ac_definition";
 constexpr const char* kApplier = "kvactivecontent_extract_ac_parameters";
 constexpr const char* kFlusher = "kvactivecontent_free_definitions";
-
-struct named_switch {
-  std::string_view name;
-  kv_ac_slot slot;
-};
-// Slot order. The last slot has no name.
-constexpr std::array<named_switch, KV_AC_SLOT_COUNT - 1> kSwitches{{
-    {"EXECUTABLE", KV_AC_EXECUTABLE},
-    {"FLASH", KV_AC_FLASH},
-    {"GIFAR", KV_AC_GIFAR},
-    {"HTML_EVENTHANDLER", KV_AC_HTML_EVENTHANDLER},
-    {"HTML_SCRIPT", KV_AC_HTML_SCRIPT},
-    {"MSOFFICE_JAVA", KV_AC_MSOFFICE_JAVA},
-    {"MSOFFICE_OLE", KV_AC_MSOFFICE_OLE},
-    {"MSOFFICE_DDE", KV_AC_MSOFFICE_DDE},
-    {"MSOFFICE_MACRO", KV_AC_MSOFFICE_MACRO},
-    {"MSOFFICE_MACRO_SIGNED", KV_AC_MSOFFICE_MACRO_SIGNED},
-    {"PDF_ACROFORM", KV_AC_PDF_ACROFORM},
-    {"PDF_ACTIVEACTION", KV_AC_PDF_ACTIVEACTION},
-    {"PDF_JAVASCRIPT", KV_AC_PDF_JAVASCRIPT},
-    {"PDF_LAUNCH", KV_AC_PDF_LAUNCH},
-    {"PDF_OPENACTION", KV_AC_PDF_OPENACTION},
-    {"PDF_RICHMEDIA", KV_AC_PDF_RICHMEDIA},
-    {"PDF_METADATA_PERL", KV_AC_PDF_METADATA_PERL},
-    {"PDF_METADATA_PHP", KV_AC_PDF_METADATA_PHP},
-    {"SILVERLIGHT", KV_AC_SILVERLIGHT},
-    {"ZIP_JAVA_ARCHIVE", KV_AC_ZIP_JAVA_ARCHIVE},
-    {"XML_JAVASCRIPT", KV_AC_XML_JAVASCRIPT},
-    {"XML_XSLT", KV_AC_XML_XSLT},
-    {"CSV_INJECTION", KV_AC_CSV_INJECTION},
-}};
-static_assert(std::ranges::is_sorted(kSwitches, {}, &named_switch::slot));
 
 // A text as it stands between the quotes of a JSON string: plain names stay as they are, and no
 // name can end its string and add keys of its own.
@@ -176,8 +145,9 @@ kv_ac_parameter_list_ptr s_have_parameter_list(kv_worker_config_t* config,
 }
 
 void s_set_switch(ActiveContent_t& block, const kv_ac_parameter& parameter) {
-  const auto* const named = std::ranges::find(kSwitches, parameter.name, &named_switch::name);
-  if (named == kSwitches.end()) {
+  const auto* const named =
+      std::ranges::find(KV_AC_SWITCHES, parameter.name, &kv_ac_named_switch::name);
+  if (named == KV_AC_SWITCHES.end()) {
     return;
   }
   block.slots[named->slot] = static_cast<std::uint8_t>(parameter.value);
