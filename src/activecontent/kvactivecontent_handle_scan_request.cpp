@@ -140,11 +140,17 @@ bool s_make_records(scan_call& call) {
   return s_have(call.file->blocking_reason != nullptr, "file_result->blocking_reason");
 }
 
+int s_merge_rows(void*, kv_scan_result_t* consolidated, const kv_scan_result_t* latest) {
+  return kv_worker_merge_scanresults(consolidated, latest);
+}
+
 void s_start_job(scan_call& call) {
   scanobject& job = *call.job;
   job.thread_context = call.thread;
   job.start_ms = call.start_ms;
-  job.embedded = {kv_recursive_scan_embedded, call.thread->shared->service->recursive_scan.get()};
+  job.embedded = {.scan = kv_recursive_scan_embedded,
+                  .context = call.thread->shared->service->recursive_scan.get(),
+                  .merge = s_merge_rows};
   if (job.ScanConfig->scan_timeout > 0) {
     job.limit_ms = job.ScanConfig->scan_timeout;
   }

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/shm.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -151,6 +155,76 @@ TEST_F(ScanRequest, SegmentThatIsNotThereIsAFailedScan) {
   EXPECT_EQ(handle_as_is(nullptr, 0), failed("Failed to attach shared memory segment"));
   EXPECT_EQ(trace.count("Attaching shared memory segment ID: 0x7ffffff0"), 1);
   EXPECT_EQ(trace.count("ERROR", "Failed to attach shared memory segment"), 1);
+}
+
+// A segment of another process's making, with what it holds. Marked for removal by its first user.
+int make_segment(const std::string& bytes) {
+  const int id = shmget(IPC_PRIVATE, std::max<std::size_t>(bytes.size(), 1), IPC_CREAT | 0600);
+  EXPECT_GE(id, 0);
+  void* address = shmat(id, nullptr, 0);
+  std::memcpy(address, bytes.data(), bytes.size());
+  EXPECT_EQ(shmdt(address), 0);
+  return id;
+}
+
+bool segment_exists(int id) {
+  shmid_ds status{};
+  return shmctl(id, IPC_STAT, &status) == 0;
+}
+
+std::string hexadecimal(int number) {
+  std::array<char, 16> text{};
+  std::snprintf(text.data(), text.size(), "0x%x", static_cast<unsigned>(number));
+  return text.data();
+}
+
+TEST_F(ScanRequest, ASegmentGivesTheVerdictOfAMessage) {
+  service.answer_definition(R"([["HTML_SCRIPT", 1]])");
+  set_text(request, "MIME-type", "text/html");
+  for (const std::string bytes : {"<p>clean</p>", "<script>x()</script>", ""}) {
+    set_text(request, "shmID", "0xffffffff");
+    const std::string by_message = handle(bytes);
+    const int id = make_segment(bytes);
+    set_text(request, "shmID", hexadecimal(id));
+    EXPECT_EQ(handle_as_is(nullptr, 0), by_message);
+    EXPECT_FALSE(segment_exists(id));
+  }
+}
+
+TEST_F(ScanRequest, ALengthBeyondTheSegmentIsAFailedScan) {
+  for (const std::int64_t length : {std::int64_t{5}, std::int64_t{4097}, INT64_MAX}) {
+    const int id = make_segment("four");
+    set_text(request, "shmID", hexadecimal(id));
+    set_number(request, "ObjectLen", length);
+    EXPECT_EQ(handle_as_is(nullptr, 0), failed("Failed to attach shared memory segment")) << length;
+    EXPECT_FALSE(segment_exists(id));
+  }
+}
+
+json_object* answer_with_row(kv_amqp_config*, const char*, kv_const_request_reply_t* pair,
+                             std::int32_t, std::int32_t, std::uint32_t, char*) {
+  const kv_json_ptr request{json_tokener_parse(pair->request->json)};
+  std::string name;
+  static_cast<void>(kv_json_get_text(request.get(), "ObjectName", name));
+  const std::string reply =
+      R"({"ReturnCode":0,"FilesScanned":1,"Results":[{"ReturnCode":0,"File-name":")" + name +
+      R"(","MIME-type":"text/x-child"}]})";
+  return json_tokener_parse(reply.c_str());
+}
+
+TEST_F(ScanRequest, RowsOfChildrenStandInTheReply) {
+  service.answer_definition(R"([["HTML_SCRIPT", 1]])");
+  service.state()->recursive_scan->ask = answer_with_row;
+  set_text(request, "MIME-type", "text/html");
+  set_text(request, "Services", "kv-av-first");
+  for (const char* key :
+       {"Hostname", "Scan-Servers", "XML_MODE", "SVG_MODE", "EVENT_ID_DELIMITER"}) {
+    set_text(request, key, "x");
+  }
+  const std::string reply = handle("<p srcdoc='one'><img src='data:text/plain,two'>");
+  EXPECT_EQ(code(parse(reply)), 0) << reply;
+  EXPECT_NE(reply.find("\"in/report.bin/srcdoc-1\""), std::string::npos) << reply;
+  EXPECT_NE(reply.find("\"in/report.bin/data-url-2\""), std::string::npos) << reply;
 }
 
 TEST_F(ScanRequest, WithoutASegmentNothingIsAttached) {
