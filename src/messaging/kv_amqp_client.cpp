@@ -8,6 +8,7 @@
 #include "common/kv_json.h"
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_proton_mt_interface.h"
+#include "messaging/kvhlp_replies.h"
 
 namespace {
 
@@ -196,7 +197,7 @@ int kv_amqp_simple_request(kv_amqp_config* config, const char* service, const ch
     return -1;
   }
   std::int32_t code = -1;
-  if (!kv_json_get_int(reply.get(), "ReturnCode", code)) {
+  if (!kv_reply_get_return_code(reply.get(), code)) {
     KV_LOG_WARN("Object %s not found", "ReturnCode");
     return -1;
   }

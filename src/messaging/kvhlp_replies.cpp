@@ -33,3 +33,13 @@ int kv_reply_set_return_code(char** json_txt, std::int32_t code) {
 int kv_reply_set_ERROR(char** json_txt, std::int32_t code, const char* error) {
   return s_set_text(json_txt, "{\"ReturnCode\": %d, \"Error\": \"%s\"}", code, error);
 }
+
+bool kv_reply_get_return_code(json_object* reply, std::int32_t& code) {
+  json_object* value = nullptr;
+  if (!json_object_object_get_ex(reply, "ReturnCode", &value) ||
+      !json_object_is_type(value, json_type_int)) {
+    return false;
+  }
+  code = json_object_get_int(value);
+  return true;
+}

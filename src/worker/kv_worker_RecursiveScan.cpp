@@ -28,7 +28,7 @@
 namespace {
 
 constexpr const char* kFunction = "kvworker_RecursiveScan";
-constexpr const char* kMimescan = "kv-av-mimescan";
+constexpr std::string_view kMimescan = "kv-av-mimescan";
 // Services that only pass objects on: asking them would bring the object round again.
 constexpr std::array kSkippedServices{"kv-av-cloudscan", "kv-av-scanproxy"};
 constexpr std::int32_t kNoSegment = -1;
@@ -67,12 +67,17 @@ void s_set_error(kv_scan_result_t* result, const std::string& text) {
 }
 
 // The text goes where the reply of the whole job finds it: with the reason when the code blocks,
-// with the error when the scan failed.
+// with the error when the scan failed or was not completed.
 std::int32_t s_report(const kv_recursive_scan_args_t& args, std::int32_t code,
                       const std::string& text) {
   if (code != KV_RESULT_CLEAN && !text.empty()) {
     s_set_error(args.consolidated, text);
-    s_copy_to_buffer(s_is_blocking(code) ? args.reason : args.error, text);
+    if (s_is_blocking(code)) {
+      s_copy_to_buffer(args.reason, text);
+    }
+    if (code == KV_RESULT_NOT_READABLE || !s_is_blocking(code)) {
+      s_copy_to_buffer(args.error, text);
+    }
   }
   return code;
 }
@@ -138,6 +143,11 @@ class s_shared_object {
   std::int32_t id_ = kNoSegment;
 };
 
+// The service's own name, without that of a fallback.
+bool s_is_mimescan(std::string_view service) {
+  return service.substr(0, service.find(KV_FALLBACK_MARK)) == kMimescan;
+}
+
 // Tells the following services what the MIME scan found.
 void s_add_mimescan(json_object* request, const kv_scan_result_t* result) {
   if (result->file_count == 0) {
@@ -164,9 +174,6 @@ class s_chain {
     const kv_services_ptr services = read_services();
     if (!services) {
       return KV_RESULT_FAILED;
-    }
-    if (services[0] == nullptr) {
-      return KV_RESULT_CLEAN;  // nobody to ask: neither segment nor request is needed
     }
     if (!share_object() || !make_request()) {
       return KV_RESULT_FAILED;
@@ -253,7 +260,7 @@ class s_chain {
 
   std::int32_t take(const char* service, const kv_service_answer_t& answer,
                     const kv_scan_result_t* result) {
-    if (answer.code == KV_RESULT_CLEAN && strcmp(service, kMimescan) == 0 && result != nullptr) {
+    if (s_is_mimescan(service) && answer.code == KV_RESULT_CLEAN && !answer.is_fallback) {
       s_add_mimescan(request_.get(), result);
       if (!print_request("Failed to update scan request with MIME-scan results")) {
         return KV_RESULT_FAILED;

@@ -9,6 +9,7 @@
 #include "common/kv_json.h"
 #include "common/kv_time.h"
 #include "logging/log-helper.h"
+#include "messaging/kvhlp_replies.h"
 
 namespace {
 
@@ -127,8 +128,10 @@ std::string s_reason_or(json_object* reply, const char* generic) {
 
 kv_service_answer_t s_invalid(std::int32_t code, const char* service) {
   KV_LOG_AS(KV_LOG_LEVEL_ERROR, kFunction, "Received invalid replycode: %d", code);
-  return {KV_RESULT_FAILED,
-          "Invalid reply code " + std::to_string(code) + " received from service " + service};
+  std::string text =
+      "Invalid reply code " + std::to_string(code) + " received from service " + service;
+  KV_LOG_AS(KV_LOG_LEVEL_ERROR, kFunction, "%s", text.c_str());
+  return {KV_RESULT_FAILED, std::move(text)};
 }
 
 kv_service_answer_t s_failed(json_object* reply, const char* service) {
@@ -197,7 +200,7 @@ std::int32_t kv_recursive_timeout_ms(std::uint64_t start_ms, std::int64_t limit_
 kv_service_answer_t kv_recursive_read_reply(json_object* reply, const char* service,
                                             const char* object_name, kv_scan_result_t* result) {
   std::int32_t code = 0;
-  if (!kv_json_get_int(reply, "ReturnCode", code)) {
+  if (!kv_reply_get_return_code(reply, code)) {
     // An answer without a code says nothing about the object, so it must not count as clean.
     KV_LOG_AS(KV_LOG_LEVEL_WARN, kFunction, "Object %s not found", "ReturnCode");
     return {KV_RESULT_FAILED, std::string("Object ReturnCode not found in reply of ") + service};
@@ -209,7 +212,7 @@ kv_service_answer_t kv_recursive_read_reply(json_object* reply, const char* serv
 kv_service_answer_t s_kv_worker_RecursiveScanWithService(const kv_service_call_t& call,
                                                          kv_scan_result_ptr& result) {
   const std::string_view token = call.service;
-  const std::size_t plus = token.find('+');
+  const std::size_t plus = token.find(KV_FALLBACK_MARK);
   const std::string primary(token.substr(0, plus));
   kv_service_answer_t answer = s_ask(call, primary, result.get());
   if (answer.code != KV_RESULT_NOT_READABLE) {
@@ -229,10 +232,12 @@ kv_service_answer_t s_kv_worker_RecursiveScanWithService(const kv_service_call_t
               "Scan did not complete with service %s, but '+' is not configured for secondary "
               "service. returning SCAN_OK to try next service",
               primary.c_str());
-    return {KV_RESULT_CLEAN, {}};
+    return {KV_RESULT_CLEAN, {}, true};
   }
   KV_LOG_AS(KV_LOG_LEVEL_INFO, kFunction,
             "Service %s did not complete the scan because %s , but '+' overrides the result'",
             primary.c_str(), answer.text.c_str());
-  return s_ask(call, kQueuePrefix + fallback, result.get());
+  answer = s_ask(call, kQueuePrefix + fallback, result.get());
+  answer.is_fallback = true;
+  return answer;
 }

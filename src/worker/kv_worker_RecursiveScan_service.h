@@ -12,8 +12,12 @@
 // What one service said of the object.
 struct kv_service_answer_t {
   std::int32_t code;
-  std::string text;  // blocking reason or error text
+  std::string text;          // blocking reason or error text
+  bool is_fallback = false;  // the "+" decided instead of the service's own answer
 };
+
+// In a service's name: cuts off the name of its fallback.
+inline constexpr char KV_FALLBACK_MARK = '+';
 
 // The object on its way to one service.
 struct kv_service_call_t {

@@ -51,6 +51,31 @@ TEST(ReplySetters, AQuoteInTheTextIsNotEscaped) {
   EXPECT_EQ(parsed, nullptr);
 }
 
+TEST(ReplyReturnCode, OnlyAnIntegerIsACode) {
+  struct row {
+    const char* reply;
+    bool found;
+    std::int32_t code;
+  };
+  for (const auto& [reply, found, code] : {
+           row{R"({"ReturnCode": 0})", true, 0},
+           row{R"({"ReturnCode": -202})", true, -202},
+           row{R"({"ReturnCode": -9000000000})", true, INT32_MIN},
+           row{R"({"ReturnCode": "0"})", false, 7},
+           row{R"({"ReturnCode": "clean"})", false, 7},
+           row{R"({"ReturnCode": null})", false, 7},
+           row{R"({"ReturnCode": 0.5})", false, 7},
+           row{R"({"ReturnCode": false})", false, 7},
+           row{R"({})", false, 7},
+           row{R"([0])", false, 7},
+       }) {
+    const kv_json_ptr parsed{json_tokener_parse(reply)};
+    std::int32_t read = 7;
+    EXPECT_EQ(kv_reply_get_return_code(parsed.get(), read), found) << reply;
+    EXPECT_EQ(read, code) << reply;
+  }
+}
+
 TEST(ReplySetters, ATextThatIsAlreadyThereIsNotFreed) {
   char before[] = "before";
   char* text = before;

@@ -156,6 +156,7 @@ TEST(services_list, IsLogged) {
 
 TEST_F(recursive_scan, WithoutServicesTheObjectIsClean) {
   EXPECT_EQ(scan("kv-av-cloudscan"), 0);
+  EXPECT_EQ(scan("KV-AV-ScanProxy;;"), 0);
   EXPECT_THAT(services_.asked, IsEmpty());
 }
 
@@ -281,9 +282,9 @@ TEST_F(recursive_scan, ReplyCodesAreTakenOver) {
   };
   for (const auto& [reply, taken, reason, error] : {
            row{0, 0, "", ""},
-           row{-100, -100, "why", ""},
-           row{-101, -100, "why", ""},
-           row{-198, -100, "why", ""},
+           row{-100, -100, "why", "why"},
+           row{-101, -100, "why", "why"},
+           row{-198, -100, "why", "why"},
            row{-199, -199, "why", ""},
            row{-200, -200, "why", ""},
            row{-202, -202, "why", ""},
@@ -301,6 +302,7 @@ TEST_F(recursive_scan, ReplyCodesAreTakenOver) {
     const bool invalid = taken == -1000 && reply != -1000;
     EXPECT_EQ(trace.count("ERROR", "Received invalid replycode: " + std::to_string(reply)),
               invalid ? 1 : 0);
+    EXPECT_EQ(trace.count("ERROR", "Invalid reply code " + std::to_string(reply)), invalid ? 1 : 0);
   }
 }
 
@@ -337,6 +339,10 @@ TEST_F(recursive_scan, AReplyWithoutACodeIsNeverClean) {
   answer("{}");
   EXPECT_EQ(scan("first"), -1000);
   EXPECT_EQ(trace.count("WARN", "Object ReturnCode not found"), 1);
+  for (const char* code : {"null", "\"0\"", "\"clean\"", "false", "0.4", "[]", "{}"}) {
+    answer(std::string("{\"ReturnCode\": ") + code + "}");
+    EXPECT_EQ(scan("first"), -1000) << code;
+  }
 }
 
 TEST_F(recursive_scan, RowsAreMergedAndNamedBelowTheObject) {
@@ -403,6 +409,30 @@ TEST_F(recursive_scan, TheMimescanAnswerTravelsOn) {
   EXPECT_EQ(member_text(json, "File-type"), "HTML document");
   EXPECT_EQ(member_text(json, "Extension"), ".html");
   EXPECT_EQ(member_text(json, "Object-type"), "9");
+}
+
+TEST_F(recursive_scan, OnlyTheMimescansOwnAnswerTravelsOn) {
+  struct row {
+    const char* services;
+    int mimescan;  // its code
+    const char* mime_type;
+  };
+  for (const auto& [services, mimescan, mime_type] : {
+           row{"kv-av-mimescan+;after", 0, "text/html"},
+           row{"kv-av-mimescan+other;after", 0, "text/html"},
+           row{"kv-av-mimescan+;after", -100, "<none>"},
+           row{"kv-av-mimescan+other;after", -100, "<none>"},
+           row{"other;after", 0, "<none>"},
+       }) {
+    services_.asked.clear();
+    services_.answer = [code = mimescan](const services_double::question& q) {
+      return "{\"ReturnCode\":" + std::to_string(q.service == "kv-av-mimescan" ? code : 0) +
+             R"(,"Results":[{"ReturnCode":0,"File-name":"x","MIME-type":"text/html"}]})";
+    };
+    EXPECT_EQ(scan(services), 0) << services;
+    EXPECT_EQ(services_.asked.back().service, "after");
+    EXPECT_EQ(member_text(services_.asked.back().json, "MIME-type"), mime_type) << services;
+  }
 }
 
 TEST_F(recursive_scan, APlusAloneLetsTheNextServiceGoOn) {
