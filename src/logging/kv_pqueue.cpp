@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -74,18 +75,22 @@ kv_pqueue_stat_t s_add(kv_pqueue_stat_t sum, std::string_view name, const struct
   return sum;
 }
 
+// Several threads may push at once.
 void s_store_counts(kv_pqueue_t* queue, const kv_pqueue_stat_t& stat) {
-  queue->entry_count = stat.entries;
-  queue->byte_count = stat.bytes;
+  std::atomic_ref(queue->entry_count).store(stat.entries, std::memory_order_relaxed);
+  std::atomic_ref(queue->byte_count).store(stat.bytes, std::memory_order_relaxed);
 }
 
-int s_update_queuestat(kv_pqueue_t* queue) {
+// Counts the data directory anew; the counts stay as they are when it cannot be read.
+kv_pqueue_stat_t s_update_queuestat(kv_pqueue_t* queue) {
   kv_pqueue_stat_t stat{};
-  if (kv_pqueue_get_stat(queue, &stat) != 0) {
-    return -1;
+  if (kv_pqueue_get_stat(queue, &stat) == 0) {
+    s_store_counts(queue, stat);
+    return stat;
   }
-  s_store_counts(queue, stat);
-  return 0;
+  stat.entries = std::atomic_ref(queue->entry_count).load(std::memory_order_relaxed);
+  stat.bytes = std::atomic_ref(queue->byte_count).load(std::memory_order_relaxed);
+  return stat;
 }
 
 // An unlock by a thread that does not hold the mutex is refused, not undefined.
@@ -184,6 +189,29 @@ bool s_make_directory(const char* path) {
   return true;
 }
 
+// What a creation that failed (on a full disk, say) has made must not pass for a queue later. What
+// somebody else has put there in the meantime stays.
+void s_remove_half_made(const kv_pqueue_t* queue) {
+  struct stat control {};
+  if (stat(queue->control_file, &control) == 0 && control.st_size == 0) {
+    unlink(queue->control_file);
+  }
+  rmdir(queue->data_directory);
+  rmdir(queue->directory);
+}
+
+// A process that died while it made the queue has left it without entries' directory or control
+// file: nobody could push to it, or deliver from it, ever again.
+void s_complete_half_made(const kv_pqueue_t* queue, int flags) {
+  if ((flags & O_CREAT) == 0) {
+    return;
+  }
+  static_cast<void>(mkdir(queue->data_directory, kDirectoryMode));
+  if (kvhlp_IsFile(queue->control_file) == 0 && s_save_controlfile(queue) != 0) {
+    KV_LOG_ERROR("Failed to save queue control file");
+  }
+}
+
 // The umask is restored on success only; callers of a failed creation keep the open one.
 kv_pqueue_ptr kv_pqueue_create_new(const char* directory, const char* name,
                                    std::int64_t max_entries, std::int64_t max_bytes,
@@ -195,10 +223,12 @@ kv_pqueue_ptr kv_pqueue_create_new(const char* directory, const char* name,
     return nullptr;
   }
   if (!s_make_directory(queue->directory) || !s_make_directory(queue->data_directory)) {
+    s_remove_half_made(queue.get());
     return nullptr;
   }
   if (s_save_controlfile(queue.get()) != 0) {
     KV_LOG_ERROR("Failed to save queue control file");
+    s_remove_half_made(queue.get());
     return nullptr;
   }
   KV_LOG_TRACE("Created %s", queue->control_file);
@@ -216,12 +246,14 @@ kv_pqueue_ptr s_open_existing(const char* directory, const char* name, std::int6
   }
   if (!s_read_controlfile(queue.get())) {
     KV_LOG_ERROR("Failed to read controlfile");
+    s_complete_half_made(queue.get(), flags);
     return queue;
   }
   if ((flags & ~O_TRUNC) == 0) {  // no flag at all truncates as well
     KV_LOG_DEBUG("Flag O_TRUNC passed, truncating queue %s", directory);
     static_cast<void>(kv_pqueue_purge(queue.get()));
   }
+  s_complete_half_made(queue.get(), flags);
   KV_LOG_DEBUG("pqueue %s opened", directory);
   return queue;
 }
@@ -254,10 +286,9 @@ bool s_write_durably(const std::string& path, const void* data, std::size_t leng
          s_sync(path.c_str(), O_RDONLY);
 }
 
-bool s_is_full(const kv_pqueue_t* queue, std::size_t length) {
+bool s_is_full(const kv_pqueue_t* queue, const kv_pqueue_stat_t& stat, std::size_t length) {
   const auto added = static_cast<std::int64_t>(length);
-  return queue->entry_count + 1 > queue->max_entries ||
-         added > queue->max_bytes - queue->byte_count;
+  return stat.entries + 1 > queue->max_entries || added > queue->max_bytes - stat.bytes;
 }
 
 struct s_oldest_file {
@@ -350,13 +381,12 @@ int kv_pqueue_push(kv_pqueue_t* queue, char type, const void* data, std::size_t 
     KV_LOG_ERROR("Invalid parameters");
     return -1;
   }
-  static_cast<void>(s_update_queuestat(queue));
-  if (s_is_full(queue, length)) {
+  const kv_pqueue_stat_t stat = s_update_queuestat(queue);
+  if (s_is_full(queue, stat, length)) {
     KV_LOG_WARN("Queue full: %d Elements (max %d), %d bytes (max %d)",
-                static_cast<std::int32_t>(queue->entry_count),
+                static_cast<std::int32_t>(stat.entries),
                 static_cast<std::int32_t>(queue->max_entries),
-                static_cast<std::int32_t>(queue->byte_count),
-                static_cast<std::int32_t>(queue->max_bytes));
+                static_cast<std::int32_t>(stat.bytes), static_cast<std::int32_t>(queue->max_bytes));
     return -1;
   }
   const s_entry_names names = s_new_entry_names(queue, type);

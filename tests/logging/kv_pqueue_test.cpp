@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -159,6 +161,37 @@ TEST_F(kv_pqueue, ADamagedControlFileLeavesTheCallersLimits) {
   const trace_capture trace;
   EXPECT_TRUE(open_queue());
   EXPECT_EQ(trace.count("ERROR", "s_read_controlfile(): failed to open control file "), 1);
+}
+
+// As a process leaves it that is killed while it makes or purges the queue.
+TEST_F(kv_pqueue, AHalfMadeQueueIsCompleted) {
+  const std::string control = folder_ / "q/control";
+  for (const std::string& missing : {control, data()}) {
+    static_cast<void>(open_queue());
+    fs::remove(missing);
+    const kv_pqueue_ptr queue = open_queue();
+    ASSERT_TRUE(queue) << missing;
+    EXPECT_EQ(push(queue, 'L', "text"), 0) << missing;
+    EXPECT_EQ(kv_pqueue_lock(queue.get()), 0) << missing;
+    EXPECT_EQ(read_file(control), "100\n100000\n1\n");
+    fs::remove_all(folder_ / "q");
+  }
+}
+
+TEST_F(kv_pqueue, AFailedCreationLeavesNothingBehind) {
+  // As on a full disk: directories can be made, files stay empty.
+  const rlimit none{0, RLIM_INFINITY};
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto handler = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+  const mode_t mask = umask(022);
+  EXPECT_EQ(open_queue(), nullptr);
+  umask(mask);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  signal(SIGXFSZ, handler);
+  EXPECT_FALSE(fs::exists(folder_ / "q"));
+  EXPECT_TRUE(open_queue());
 }
 
 TEST_F(kv_pqueue, PushedBytesComeBackAsTheyAre) {
