@@ -121,7 +121,19 @@ broker_client::broker_client(const broker_settings& settings, std::uint32_t limi
 }
 
 broker_client::~broker_client() {
+  close();
+}
+
+void broker_client::close() {
   kv_amqp_deinit(config_.get());
+}
+
+void broker_client::serve(const std::string& queue, kv_service_request_callback callback,
+                          void* argument, const std::atomic<std::int32_t>& stop, int threads) {
+  if (kv_qpid_start_service_handler_threads(config_.get(), queue.c_str(), callback, argument, &stop,
+                                            threads) != 0) {
+    throw broker_error("cannot serve " + queue);
+  }
 }
 
 kv_json_ptr broker_client::ask(const std::string& service, const std::string& json,

@@ -2,6 +2,7 @@
 // A command-line program's connection to a broker: where it is, who asks, and requests to services.
 // A thin coat over the messaging library for programs that are not workers.
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -11,6 +12,7 @@
 
 #include "common/kv_guard.h"
 #include "messaging/kv_amqp_client.h"
+#include "messaging/kv_qpid_proton_mt_interface.h"
 
 namespace kv_tools {
 
@@ -49,6 +51,13 @@ class broker_client {
   [[nodiscard]] kv_json_ptr ask(const std::string& service, const std::string& json,
                                 std::span<const char> data, std::int32_t timeout_ms,
                                 std::string& error) const;
+
+  // Answers the queue's requests with so many threads until *stop is non-zero or close is called.
+  // The argument and the flag outlive both. Throws broker_error.
+  void serve(const std::string& queue, kv_service_request_callback callback, void* argument,
+             const std::atomic<std::int32_t>& stop, int threads);
+  // Ends connection and threads; nothing else works afterwards.
+  void close();
 
  private:
   kv_amqp_config_ptr config_;

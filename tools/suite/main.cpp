@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "chain_serve.h"
 #include "suite_commands.h"
 #include "suite_run.h"
 
@@ -25,6 +26,9 @@ void s_add_run(CLI::App& app, kv_suite::run_options& options) {
       ->capture_default_str();
   run->add_flag("--plain", options.plain, "No TLS: for measurements on one machine only");
   run->add_flag("!--no-control", options.control, "Broker only: no control service, no sinks");
+  run->add_option("--service", options.services,
+                  "NAME=SPEC: a service of a scan chain; SPEC is JSON, mimescan or @FILE");
+  run->add_flag("!--no-mimescan", options.mimescan, "Do not serve kv-av-mimescan");
   run->add_flag("--quiet", options.quiet, "No first screen and no notes on standard error");
 }
 
@@ -58,6 +62,15 @@ void s_add_commands(CLI::App& app, kv_suite::command_options& options) {
   s_add_command(app, options, "workers", "List the workers that have registered", nullptr);
 }
 
+void s_add_serve(CLI::App& app, kv_suite::serve_options& options) {
+  CLI::App* serve =
+      app.add_subcommand("serve", "Serve queues of a running suite as services of a scan chain");
+  serve->add_option("--dir", options.dir, "Folder of the running suite")->required();
+  serve->add_option("--service", options.services, "NAME=SPEC; SPEC is JSON, mimescan or @FILE")
+      ->required();
+  serve->add_flag("-v,--verbose", options.verbosity, "Show the connection's log; -vv more of it");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -67,7 +80,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   kv_suite::run_options run;
   kv_suite::command_options command;
+  kv_suite::serve_options serve;
   s_add_run(app, run);
+  s_add_serve(app, serve);
   s_add_commands(app, command);
   CLI11_PARSE(app, argc, argv);
   if (app.got_subcommand("ping"))
@@ -78,5 +93,7 @@ int main(int argc, char** argv) {
     return kv_suite::command_shutdown(command);
   if (app.got_subcommand("workers"))
     return kv_suite::command_workers(command);
+  if (app.got_subcommand("serve"))
+    return kv_suite::serve_chain(serve);
   return kv_suite::run_suite(run);
 }

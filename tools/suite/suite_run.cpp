@@ -8,6 +8,8 @@
 #include <stdexcept>
 
 #include "broker.h"
+#include "chain_serve.h"
+#include "chain_service.h"
 #include "file_helpers.h"
 #include "line_printer.h"
 #include "service_messages.h"
@@ -93,6 +95,13 @@ void s_add_services(broker& server, suite_services& services) {
   add(kSuiteQueue, &suite_services::suite);
 }
 
+std::vector<std::string> s_chain_services(const run_options& options) {
+  std::vector<std::string> services = options.services;
+  if (options.control && options.mimescan)
+    services.push_back(std::string(kMimescanQueue) + "=mimescan");
+  return services;
+}
+
 // Tells in a file, while the broker serves, where it is.
 class announcement {
  public:
@@ -125,6 +134,7 @@ void s_serve(const run_options& options, const sigset_t& end_signals) {
   server.start();
   const std::string port = std::to_string(server.port());
   const announcement url(folder.url_file(), s_url(options, config.host, port));
+  const chain_process chain(folder.path(), s_chain_services(options));
   const announcement address(folder.listen_file(), config.host + ":" + port);
   if (!options.quiet)
     std::cerr << s_first_screen(options, folder, config.host, port);

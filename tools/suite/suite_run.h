@@ -2,6 +2,7 @@
 // `kv-av-suite run`: broker, services and first screen, until a signal ends it.
 
 #include <string>
+#include <vector>
 
 #include "broker_queue.h"
 
@@ -14,8 +15,10 @@ struct run_options {
   std::string user = "kv-av";
   queue_limits limits = {};  // of each queue
   bool plain = false;        // no TLS
-  bool control = true;       // serve the control service and the sinks
-  bool quiet = false;        // no first screen, no notes
+  bool control = true;       // serve the control service, the sinks and kv-av-mimescan
+  bool mimescan = true;      // serve kv-av-mimescan
+  std::vector<std::string> services = {};  // of a scan chain, NAME=SPEC each
+  bool quiet = false;                      // no first screen, no notes
 };
 
 // Returns the exit status. SIGTERM and SIGINT are blocked on return.
