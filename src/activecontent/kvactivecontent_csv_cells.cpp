@@ -16,9 +16,11 @@
 
 namespace {
 
-enum class byte_kind : std::uint8_t { other, white_space, leading };
+enum class byte_kind : std::uint8_t { other, white_space, leading, number, delimiter };
 
-// What a first byte makes of its cell. White space is that of the C locale.
+// What a byte may be in a cell that counts. White space is that of the C locale. Number bytes are
+// those that the injection pattern takes for part of a number; in its bracket expression the
+// backslash stands for itself.
 constexpr std::array<byte_kind, 256> s_kinds() {
   std::array<byte_kind, 256> kinds{};
   for (const char byte : {' ', '\t', '\n', '\v', '\f', '\r'}) {
@@ -27,18 +29,15 @@ constexpr std::array<byte_kind, 256> s_kinds() {
   for (const char byte : {'=', '+', '-', '@'}) {
     kinds[static_cast<unsigned char>(byte)] = byte_kind::leading;
   }
+  for (const char byte : std::string_view("0123456789.,\\")) {
+    kinds[static_cast<unsigned char>(byte)] = byte_kind::number;
+  }
   return kinds;
 }
 constexpr std::array<byte_kind, 256> kKinds = s_kinds();
 
 byte_kind s_kind(char byte) {
   return kKinds[static_cast<unsigned char>(byte)];
-}
-
-// A byte that the injection pattern takes for part of a number. In its bracket expression the
-// backslash stands for itself.
-bool s_is_number_byte(char byte) {
-  return (byte >= '0' && byte <= '9') || byte == '.' || byte == ',' || byte == '\\';
 }
 
 // The cell without white space at its ends. It begins with a byte that is none.
@@ -54,7 +53,7 @@ std::string_view s_trim_end(std::string_view cell) {
 // match.
 std::size_t s_find_deciding_byte(std::string_view trimmed) {
   std::size_t at = 1;
-  while (at < trimmed.size() && s_is_number_byte(trimmed[at])) {
+  while (at < trimmed.size() && s_kind(trimmed[at]) == byte_kind::number) {
     ++at;
   }
   return at;
@@ -69,7 +68,9 @@ class injection_search {
         pattern_(pattern),
         subject_(&memory),
         reason_(reason),
-        error_(error) {}
+        error_(error) {
+    kinds_[static_cast<unsigned char>(delimiter)] = byte_kind::delimiter;
+  }
 
   // The code of the first cell that has one.
   std::int32_t run() {
@@ -80,8 +81,7 @@ class injection_search {
          offset += KV_BLOCK_SIZE) {
       const kv_byte_block bytes = kv_byte_block::load(reader.at(offset));
       const std::uint64_t delimiters = bytes.equal(delimiter_);
-      std::uint64_t begins = (delimiters << 1 | behind_delimiter) & s_worth_a_look(bytes) &
-                             kv_low_bits(text_.size() - offset);
+      std::uint64_t begins = (delimiters << 1 | behind_delimiter) & s_worth_a_look(bytes);
       behind_delimiter = delimiters >> (KV_BLOCK_SIZE - 1);
       for (; begins != 0 && code == KV_RESULT_CLEAN; begins &= begins - 1) {
         code = test_cell(offset + kv_first_bit(begins));
@@ -107,14 +107,21 @@ class injection_search {
   // Tests the cell that begins at an offset, if its first byte behind white space is worth it.
   std::int32_t test_cell(std::size_t begin) {
     std::size_t first = begin;
-    while (first < text_.size() && s_kind(text_[first]) == byte_kind::white_space &&
-           text_[first] != delimiter_) {
+    while (kind_at(first) == byte_kind::white_space) {
       ++first;
     }
-    if (first == text_.size() || s_kind(text_[first]) != byte_kind::leading) {
+    if (kind_at(first) != byte_kind::leading) {
       return KV_RESULT_CLEAN;
     }
-    const std::size_t end = std::min(text_.find(delimiter_, first), text_.size());
+    std::size_t end = first + 1;
+    while (kind_at(end) == byte_kind::number) {
+      ++end;
+    }
+    const bool is_number = kind_at(end) == byte_kind::delimiter;
+    if (is_number && !traced_) {
+      return KV_RESULT_CLEAN;
+    }
+    end = std::min(text_.find(delimiter_, end), text_.size());
     return test_formula(text_.substr(begin, end - begin),
                         s_trim_end(text_.substr(first, end - first)));
   }
@@ -183,8 +190,14 @@ class injection_search {
 
   static constexpr const char* kDetector = "kvactivecontent_csv_command";
 
+  // The end of the text is a delimiter too.
+  [[nodiscard]] byte_kind kind_at(std::size_t at) const {
+    return at < text_.size() ? kinds_[static_cast<unsigned char>(text_[at])] : byte_kind::delimiter;
+  }
+
   std::string_view text_;
   char delimiter_;
+  std::array<byte_kind, 256> kinds_ = kKinds;
   kv_csv_pattern& pattern_;
   std::pmr::string subject_;
   char* reason_;

@@ -4,7 +4,6 @@
 #include <array>
 #include <optional>
 #include <span>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -18,7 +17,8 @@ constexpr std::size_t kCandidates = KV_CSV_DELIMITERS.size();
 constexpr std::size_t kShortLine = 2;  // shorter lines say nothing of a table
 constexpr std::size_t kNoLimit = static_cast<std::size_t>(-1);
 
-using count_list = std::array<std::size_t, kCandidates>;
+template <std::size_t N>
+using count_list = std::array<std::size_t, N>;
 
 enum class quoting : std::uint8_t { none, in_double, in_single };
 
@@ -30,49 +30,49 @@ std::uint64_t s_parity_up_to(std::uint64_t bits) {
   return bits;
 }
 
-// Counts delimiters line by line. Quotes and backslashes hide delimiters up to the end of the line.
+// Counts N delimiters line by line. Quotes and backslashes hide delimiters up to the end of the
+// line.
+template <std::size_t N>
 class line_counter {
  public:
-  // At most kCandidates delimiters.
-  explicit line_counter(std::string_view delimiters) : delimiters_(delimiters) {}
+  explicit line_counter(const std::array<char, N>& delimiters) : delimiters_(delimiters) {}
 
   // Hands the offset of every line feed to on_line, which looks at counts() and answers whether to
   // go on. What stands behind the last line feed is left in counts().
   template <class OnLine>
   void run(std::string_view text, OnLine&& on_line) {
     text_ = text;
+    // Behind the text's end the reader gives zero bytes, which nothing here looks for.
     kv_block_reader reader{{text.data(), text.size(), text.size()}};
     for (std::size_t offset = 0; offset < text.size(); offset += KV_BLOCK_SIZE) {
-      const kv_byte_block bytes = kv_byte_block::load(reader.at(offset));
-      if (!take_block(bytes, offset, kv_low_bits(text.size() - offset), on_line)) {
+      if (!take_block(kv_byte_block::load(reader.at(offset)), offset, on_line)) {
         return;
       }
     }
   }
   // Of the line up to the line feed last handed out, by delimiter.
-  [[nodiscard]] const count_list& counts() const { return counts_; }
+  [[nodiscard]] const count_list<N>& counts() const { return counts_; }
 
  private:
   struct block_masks {
     std::uint64_t line_feeds;
-    std::array<std::uint64_t, kCandidates> delimiters;
+    std::array<std::uint64_t, N> delimiters;
   };
 
   template <class OnLine>
-  bool take_block(const kv_byte_block& bytes, std::size_t offset, std::uint64_t valid,
-                  OnLine& on_line) {
+  bool take_block(const kv_byte_block& bytes, std::size_t offset, OnLine& on_line) {
     block_masks masks;
-    masks.line_feeds = bytes.equal('\n') & valid;
-    for (std::size_t i = 0; i < delimiters_.size(); ++i) {
-      masks.delimiters[i] = bytes.equal(delimiters_[i]) & valid;
+    masks.line_feeds = bytes.equal('\n');
+    for (std::size_t i = 0; i < N; ++i) {
+      masks.delimiters[i] = bytes.equal(delimiters_[i]);
     }
     const kv_byte_block hiding = s_hiding(bytes);
     if (!hiding.any() && quoting_ == quoting::none && hidden_to_ <= offset) {
       return take_bare(masks, offset, on_line);
     }
-    const std::optional<quoting> behind = hide_quoted(bytes, offset, valid, masks);
+    const std::optional<quoting> behind = hide_quoted(bytes, offset, masks);
     if (!behind) {
-      return take_marks(masks, hiding.bits() & valid, offset, on_line);
+      return take_marks(masks, hiding.bits(), offset, on_line);
     }
     const bool go_on = take_bare(masks, offset, on_line);
     quoting_ = *behind;
@@ -87,17 +87,17 @@ class line_counter {
   // single quote but within them. Takes the hidden delimiters out and returns the quoting behind
   // the block; nothing, where the block is not so.
   std::optional<quoting> hide_quoted(const kv_byte_block& bytes, std::size_t offset,
-                                     std::uint64_t valid, block_masks& masks) const {
+                                     block_masks& masks) const {
     if (quoting_ == quoting::in_single || hidden_to_ > offset) {
       return std::nullopt;
     }
     const std::uint64_t open = quoting_ == quoting::in_double ? ~std::uint64_t{0} : 0;
-    const std::uint64_t inside = s_parity_up_to(bytes.equal('"') & valid) ^ open;
-    const std::uint64_t exceptions = (bytes.equal('\\') | (bytes.equal('\'') & ~inside)) & valid;
+    const std::uint64_t inside = s_parity_up_to(bytes.equal('"')) ^ open;
+    const std::uint64_t exceptions = bytes.equal('\\') | (bytes.equal('\'') & ~inside);
     if (exceptions != 0 || (masks.line_feeds & inside) != 0) {
       return std::nullopt;
     }
-    for (std::size_t i = 0; i < delimiters_.size(); ++i) {
+    for (std::size_t i = 0; i < N; ++i) {
       masks.delimiters[i] &= ~inside;
     }
     return (inside >> 63) != 0 ? quoting::in_double : quoting::none;
@@ -120,7 +120,7 @@ class line_counter {
   }
 
   void add(const block_masks& masks, std::uint64_t part) {
-    for (std::size_t i = 0; i < delimiters_.size(); ++i) {
+    for (std::size_t i = 0; i < N; ++i) {
       counts_[i] += kv_count_bits(masks.delimiters[i] & part);
     }
   }
@@ -130,7 +130,7 @@ class line_counter {
   bool take_marks(const block_masks& masks, std::uint64_t hiding, std::size_t offset,
                   OnLine& on_line) {
     std::uint64_t marks = masks.line_feeds | hiding;
-    for (std::size_t i = 0; i < delimiters_.size(); ++i) {
+    for (std::size_t i = 0; i < N; ++i) {
       marks |= masks.delimiters[i];
     }
     for (; marks != 0; marks &= marks - 1) {
@@ -161,7 +161,7 @@ class line_counter {
       default:
         break;
     }
-    for (std::size_t i = 0; i < delimiters_.size() && quoting_ == quoting::none; ++i) {
+    for (std::size_t i = 0; i < N && quoting_ == quoting::none; ++i) {
       counts_[i] += (masks.delimiters[i] & bit) != 0 ? 1 : 0;
     }
   }
@@ -184,8 +184,8 @@ class line_counter {
   }
 
   std::string_view text_;
-  std::string_view delimiters_;
-  count_list counts_{};
+  std::array<char, N> delimiters_;
+  count_list<N> counts_{};
   quoting quoting_ = quoting::none;
   std::size_t hidden_to_ = 0;  // behind a backslash and its byte
 };
@@ -262,6 +262,7 @@ class candidate {
 
   [[nodiscard]] bool is_valid() const { return valid_; }
   [[nodiscard]] char delimiter() const { return delimiter_; }
+  [[nodiscard]] std::size_t wanted() const { return wanted_; }
 
   void judge(std::size_t count) {
     if (valid_ && count != wanted_) {
@@ -310,20 +311,31 @@ class candidate {
   empty_line bad_{std::string_view::npos, 0};
 };
 
-// Judges the lines of text behind the first one.
-void s_judge_lines(std::string_view text, std::string_view delimiters,
-                   std::span<candidate> candidates) {
-  line_counter lines{delimiters};
+// Judges the lines of text behind the first one for N candidates.
+template <std::size_t N>
+void s_judge_lines(std::string_view text, std::span<candidate> candidates) {
+  std::array<char, N> delimiters;
+  count_list<N> wanted;
+  for (std::size_t i = 0; i < N; ++i) {
+    delimiters[i] = candidates[i].delimiter();
+    wanted[i] = candidates[i].wanted();
+  }
+  line_counter<N> lines{delimiters};
   std::size_t begin = 0;
+  // The line that does not tell on any candidate is the common one.
   const auto judge_line = [&](std::size_t end) {
-    for (std::size_t i = 0; i < candidates.size(); ++i) {
-      if (end == begin) {
+    const std::size_t length = end - begin;
+    begin = end + 1;
+    if (length >= kShortLine && lines.counts() == wanted) {
+      return true;
+    }
+    for (std::size_t i = 0; i < N; ++i) {
+      if (length == 0) {
         candidates[i].judge_empty_line(text, end);
-      } else if (end - begin >= kShortLine) {
+      } else if (length >= kShortLine) {
         candidates[i].judge(lines.counts()[i]);
       }
     }
-    begin = end + 1;
     return std::ranges::any_of(candidates, &candidate::is_valid);
   };
   lines.run(text, judge_line);
@@ -333,14 +345,20 @@ void s_judge_lines(std::string_view text, std::string_view delimiters,
   }
 }
 
-count_list s_count_all(std::string_view line) {
-  line_counter counter{KV_CSV_DELIMITERS};
+// By the number of candidates less one.
+constexpr std::array<void (*)(std::string_view, std::span<candidate>), kCandidates> kJudgeLines{
+    s_judge_lines<1>, s_judge_lines<2>, s_judge_lines<3>, s_judge_lines<4>};
+
+count_list<kCandidates> s_count_all(std::string_view line) {
+  std::array<char, kCandidates> delimiters;
+  std::ranges::copy(KV_CSV_DELIMITERS, delimiters.begin());
+  line_counter<kCandidates> counter{delimiters};
   counter.run(line, [](std::size_t) { return true; });
   return counter.counts();
 }
 
 char s_choose_for_one_line(std::string_view line) {
-  const count_list counts = s_count_all(line);
+  const count_list<kCandidates> counts = s_count_all(line);
   for (std::size_t i = 0; i < kCandidates; ++i) {
     if (counts[i] != 0) {
       return KV_CSV_DELIMITERS[i];
@@ -361,19 +379,17 @@ char kv_csv_choose_delimiter(std::string_view bytes) {
     KV_LOG_AS(KV_LOG_LEVEL_DEBUG, "kvactivecontent_csv_command", "Buffer is one line only");
     return s_choose_for_one_line(bytes);
   }
-  const count_list first_line = s_count_all(bytes.substr(0, first_feed));
-  std::vector<candidate> candidates;
-  std::string delimiters;  // of the candidates that occur in the first line
+  const count_list<kCandidates> first_line = s_count_all(bytes.substr(0, first_feed));
+  std::vector<candidate> candidates;  // those that occur in the first line
   for (std::size_t i = 0; i < kCandidates; ++i) {
     if (first_line[i] != 0) {
       candidates.emplace_back(KV_CSV_DELIMITERS[i], first_line[i]);
-      delimiters += KV_CSV_DELIMITERS[i];
     }
   }
   if (candidates.empty()) {
     return '\0';
   }
-  s_judge_lines(bytes.substr(first_feed + 1), delimiters, candidates);
+  kJudgeLines[candidates.size() - 1](bytes.substr(first_feed + 1), candidates);
   for (const candidate& one : candidates) {
     one.log_difference();
   }
