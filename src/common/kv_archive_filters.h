@@ -50,6 +50,12 @@ class kv_peek_source : public kv_block_source {
 // False when no filter can take the object, judged by its first bytes: most objects need no search.
 [[nodiscard]] bool kv_may_be_filtered(std::span<const std::uint8_t> object);
 
+// False when the table of contents of a xar archive unpacks to more than it may: the library builds
+// all of it in memory, in one call, before the first member. True for anything else. start may be
+// less than the whole archive; length is that of the object which it came in.
+[[nodiscard]] bool kv_xar_contents_fit(std::span<const std::uint8_t> start, bool is_whole,
+                                       std::size_t length, kv_archive_budget& budget);
+
 // How taking the layers off ended.
 enum class kv_filter_result { none, filtered, refused };
 
@@ -59,7 +65,7 @@ class kv_filter_chain {
   // damaged, there are too many, or the budget is spent.
   [[nodiscard]] kv_filter_result open(std::span<const std::uint8_t> object,
                                       kv_archive_budget& budget);
-  [[nodiscard]] kv_block_source& source() { return *top_; }
+  [[nodiscard]] kv_peek_source& source() { return *top_; }
 
  private:
   std::unique_ptr<kv_peek_source> top_;

@@ -12,6 +12,8 @@ namespace {
 
 // Beyond this an mtree list is not looked for: reading one is worse than linear in the library.
 constexpr std::size_t kMostTreeList = std::size_t{64} << 10;
+// As much of an unpacked object is kept to look at the contents of a xar archive.
+constexpr std::size_t kContentsReach = std::size_t{4} << 20;
 constexpr std::size_t kBlock = std::size_t{256} << 10;
 constexpr std::int64_t kMostMember = std::numeric_limits<std::int32_t>::max();
 // Headers in a row that the library asks to pass over, before the walk gives up.
@@ -122,12 +124,23 @@ bool kv_archive_walk::open() {
   const utf8_scope names;
   switch (filters_.open(object_, budget_)) {
     case kv_filter_result::none:
-      return open_plain() || open_tree_list();
+      return kv_xar_contents_fit(object_, true, object_.size(), budget_) &&
+             (open_plain() || open_tree_list());
     case kv_filter_result::filtered:
-      return open_filtered();
+      return filtered_contents_fit() && open_filtered();
     default:
       return false;
   }
+}
+
+bool kv_archive_walk::filtered_contents_fit() {
+  constexpr std::string_view kMagic = "xar!";
+  const auto magic = filters_.source().peek(kMagic.size());
+  if (magic.size() < kMagic.size() || !std::equal(kMagic.begin(), kMagic.end(), magic.begin())) {
+    return true;
+  }
+  const auto start = filters_.source().peek(kContentsReach);
+  return kv_xar_contents_fit(start, start.size() < kContentsReach, object_.size(), budget_);
 }
 
 bool kv_archive_walk::open_plain() {
@@ -146,8 +159,8 @@ bool kv_archive_walk::open_filtered() {
     return false;
   }
   s_offer_formats(handle_.get());
-  return archive_read_open(handle_.get(), &filters_.source(), nullptr, s_pull, nullptr) ==
-         ARCHIVE_OK;
+  return archive_read_open(handle_.get(), static_cast<kv_block_source*>(&filters_.source()),
+                           nullptr, s_pull, nullptr) == ARCHIVE_OK;
 }
 
 // An mtree list describes files by name. Everything else has been refused by now, so that a line of

@@ -60,6 +60,7 @@ class kv_archive_walk {
   [[nodiscard]] const char* error_text() const;
 
  private:
+  [[nodiscard]] bool filtered_contents_fit();
   [[nodiscard]] bool open_plain();
   [[nodiscard]] bool open_filtered();
   [[nodiscard]] bool open_tree_list();

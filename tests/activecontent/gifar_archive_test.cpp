@@ -214,6 +214,27 @@ TEST(Gifar, LayersThatGiveNothingAreBounded) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds{20});
 }
 
+// The library would build the whole table in memory, ten times its length, in one call.
+TEST(Gifar, AXarTableOfContentsIsBounded) {
+  std::string table = "<?xml version=\"1.0\"?><xar><toc>";
+  while (table.size() < (20U << 20)) {
+    table += "<file id=\"1\"><name>a.class</name><type>file</type></file>";
+  }
+  // A gzip file without its headers is what xar holds behind two bytes of its own.
+  const std::string packed = compress_bytes(table + "</toc></xar>", "gzip").substr(10 - 2);
+  std::string header{"xar!\0\x1C\0\1", 8};
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    header.push_back(static_cast<char>(packed.size() >> shift));
+  }
+  const std::string bytes = header + std::string(12, '\0') + packed;
+  ASSERT_LT(bytes.size(), 200000U);
+  EXPECT_EQ(s_scan(bytes), kTooLarge);
+  EXPECT_EQ(s_scan(compress_bytes(bytes, "gzip")), kTooLarge);
+  const std::string small = make_archive({{"a.class", "x"}}, "xar");
+  EXPECT_EQ(s_scan(small), kFound);
+  EXPECT_EQ(s_scan(compress_bytes(small, "gzip")), kFound);
+}
+
 TEST(Gifar, AWalkCutShortByTimeEndsTheScan) {
   const trace_capture trace;
   EXPECT_EQ(s_scan(s_jar("a.txt"), 0), kTimeout);

@@ -36,7 +36,7 @@ void s_write_member(archive* handle, const archive_member& member) {
 
 void s_little(std::string& out, std::uint64_t value, int width) {
   for (int i = 0; i < width; ++i) {
-    out.push_back(static_cast<char>(value >> (8 * i)));
+    out.push_back(i < 8 ? static_cast<char>(value >> (8 * i)) : '\0');
   }
 }
 
