@@ -53,10 +53,20 @@ class kv_pdf_keywords {
     return static_cast<unsigned>(rows_by_first_[static_cast<unsigned char>(bytes[0])] &
                                  rows_by_second_[static_cast<unsigned char>(bytes[1])]);
   }
+  // The bytes at the beginning of a word, alike for both letter cases; a few other bytes look alike
+  // too.
+  struct beginning {
+    std::uint32_t bytes;
+    std::uint32_t mask;  // ones for the bytes that a short word has
+  };
+  static beginning s_beginning(std::string_view word);
+  [[nodiscard]] bool may_stand_at(std::size_t row, const char* bytes) const;
+
   void examine(const kv_text_window& dictionary, std::size_t at, unsigned rows, row_set& unseen,
                row_set& counting) const;
 
   std::array<std::string_view, KV_PDF_MAX_KEYWORDS> words_{};
+  std::array<beginning, KV_PDF_MAX_KEYWORDS> beginnings_{};
   std::size_t count_ = 0;
   __m128i starter_bytes_[2 * KV_PDF_MAX_KEYWORDS];  // first bytes, each once, in all places
   std::size_t starter_count_ = 0;

@@ -1,9 +1,17 @@
 #include "activecontent/PDFscan_internal.h"
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
 namespace {
 
 // A keyword in front of any other byte is part of a longer name, or of something else.
 constexpr std::string_view kDelimiters = "[\\]\n\r ()/:";
+
+// Set in lower case letters, clear in upper case ones.
+constexpr char kCaseBit = 0x20;
+constexpr std::uint32_t kCaseBits = 0x20202020;
 
 constexpr char s_lower(char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte + ('a' - 'A')) : byte;
@@ -29,9 +37,27 @@ bool s_equal_caseless(const char* text, std::string_view word) {
 kv_pdf_keywords::kv_pdf_keywords(const kv_pdf_keyword_t* table) {
   while (count_ < KV_PDF_MAX_KEYWORDS && table[count_].keyword[0] != '\0') {
     words_[count_] = table[count_].keyword;
+    beginnings_[count_] = s_beginning(words_[count_]);
     add(count_);
     ++count_;
   }
+}
+
+kv_pdf_keywords::beginning kv_pdf_keywords::s_beginning(std::string_view word) {
+  std::array<char, sizeof(std::uint32_t)> bytes{};
+  std::array<char, sizeof(std::uint32_t)> mask{};
+  for (std::size_t i = 0; i < std::min(word.size(), bytes.size()); ++i) {
+    bytes[i] = static_cast<char>(word[i] | kCaseBit);
+    mask[i] = static_cast<char>(0xff);
+  }
+  return {std::bit_cast<std::uint32_t>(bytes), std::bit_cast<std::uint32_t>(mask)};
+}
+
+// Reads four bytes.
+bool kv_pdf_keywords::may_stand_at(std::size_t row, const char* bytes) const {
+  std::uint32_t present = 0;
+  std::memcpy(&present, bytes, sizeof present);
+  return ((present | kCaseBits) & beginnings_[row].mask) == beginnings_[row].bytes;
 }
 
 void kv_pdf_keywords::add(std::size_t row) {
@@ -66,8 +92,13 @@ std::uint64_t kv_pdf_keywords::starters(const char* bytes) const {
 void kv_pdf_keywords::examine(const kv_text_window& dictionary, std::size_t at, unsigned rows,
                               row_set& unseen, row_set& counting) const {
   const char* bytes = dictionary.bytes + at;
+  const bool has_beginning = dictionary.size - at >= sizeof(std::uint32_t);
   for (; rows != 0; rows &= rows - 1) {
-    const std::string_view word = words_[static_cast<std::size_t>(std::countr_zero(rows))];
+    const auto row = static_cast<std::size_t>(std::countr_zero(rows));
+    if (has_beginning && !may_stand_at(row, bytes)) {
+      continue;
+    }
+    const std::string_view word = words_[row];
     if (word.size() >= dictionary.size - at || !s_equal_caseless(bytes, word)) {
       continue;
     }
