@@ -1,7 +1,6 @@
 #include "activecontent/kvactivecontent_getNextTag.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdlib>
 #include <cstring>
 
@@ -90,22 +89,21 @@ void kv_markup_structure::classify(std::size_t position) {
   chunk_end_ = chunk_ + words * kWordBytes;
 }
 
-std::size_t kv_markup_structure::next_mark(const marks& kind, std::size_t position) {
+// The position is where a word begins, or behind the chunk.
+std::size_t kv_markup_structure::next_mark_by_words(const marks& kind, std::size_t position) {
   while (position < text_.size()) {
     if (position >= chunk_end_) {
       classify(position);
     }
-    std::size_t word = (position - chunk_) / kWordBytes;
-    std::uint64_t bits = kind[word] & (~std::uint64_t{0} << ((position - chunk_) % kWordBytes));
     const std::size_t words = (chunk_end_ - chunk_) / kWordBytes;
-    while (bits == 0 && ++word < words) {
-      bits = kind[word];
+    std::size_t word = (position - chunk_) / kWordBytes;
+    while (word < words && kind[word] == 0) {
+      ++word;
     }
-    if (bits != 0) {
-      const auto bit = static_cast<std::size_t>(std::countr_zero(bits));
-      return std::min(text_.size(), chunk_ + word * kWordBytes + bit);
+    position = chunk_ + word * kWordBytes;
+    if (word < words) {
+      return position + static_cast<std::size_t>(std::countr_zero(kind[word]));
     }
-    position = chunk_end_;
   }
   return text_.size();
 }
@@ -122,15 +120,10 @@ std::size_t kv_tag_walker::skip_dropped(std::size_t position, kv_tag_extent& tag
 }
 
 // Collects the tag whose "<" stands at tag.begin.
-kv_tag_walker::outcome kv_tag_walker::collect(kv_tag_extent& tag) {
+inline kv_tag_walker::outcome kv_tag_walker::collect(kv_tag_extent& tag) {
   bool quoted = false;
-  std::size_t at = tag.begin + 1;
-  while (true) {
-    at = structure_.next_event(at);
-    if (at >= text_.size()) {
-      position_ = text_.size();
-      return outcome::end;
-    }
+  std::size_t at = structure_.next_event(tag.begin + 1);
+  for (; at < text_.size(); at = structure_.next_event(at)) {
     const char c = text_[at];
     if (c == '"') {
       quoted ^= text_[at - 1] != '\\';
@@ -142,24 +135,24 @@ kv_tag_walker::outcome kv_tag_walker::collect(kv_tag_extent& tag) {
         return outcome::tag;
       }
       ++at;
-    } else if (c == '!') {
-      const std::size_t behind = s_behind_comment_mark(text_, at);
-      if (behind != 0) {
-        position_ = s_comment_end(text_, at, behind);
-        return outcome::comment;
-      }
-      ++at;
-    } else {
+    } else if (c != '!') {
       at = skip_dropped(at, tag);
+    } else if (const std::size_t behind = s_behind_comment_mark(text_, at); behind != 0) {
+      position_ = s_comment_end(text_, at, behind);
+      return outcome::comment;
+    } else {
+      ++at;
     }
   }
+  position_ = text_.size();
+  return outcome::end;
 }
 
 bool kv_tag_walker::next(kv_tag_extent& tag) {
   outcome found = outcome::comment;
   while (found == outcome::comment) {
-    tag = {};
     tag.begin = structure_.next_less_than(position_);
+    tag.has_dropped = tag.may_join = false;
     if (tag.begin >= text_.size()) {
       position_ = text_.size();
       return false;

@@ -4,6 +4,7 @@
 // there. A walker is used by one thread; the text is borrowed for its life.
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <string_view>
 
@@ -23,8 +24,8 @@ class kv_markup_structure {
   kv_markup_structure(std::string_view text, kv_simd_level level)
       : text_(text), kernels_(kv_kernels_of(level)) {}
 
-  // The first such byte at or behind the position, or the length of the text. Positions asked for
-  // never go back.
+  // The first such byte at or behind the position, or the length of the text (or beyond it).
+  // Positions asked for never go back.
   [[nodiscard]] std::size_t next_less_than(std::size_t position) {
     return next_mark(less_than_, position);
   }
@@ -36,7 +37,18 @@ class kv_markup_structure {
   static constexpr std::size_t kChunkWords = 64;
   using marks = std::array<std::uint64_t, kChunkWords>;
 
-  [[nodiscard]] std::size_t next_mark(const marks& kind, std::size_t position);
+  [[nodiscard]] std::size_t next_mark(const marks& kind, std::size_t position) {
+    if (position < chunk_end_) {
+      const std::size_t offset = position - chunk_;
+      const std::uint64_t bits = kind[offset / 64] >> (offset % 64);
+      if (bits != 0) {
+        return position + static_cast<std::size_t>(std::countr_zero(bits));
+      }
+      position += 64 - offset % 64;
+    }
+    return next_mark_by_words(kind, position);
+  }
+  [[nodiscard]] std::size_t next_mark_by_words(const marks& kind, std::size_t position);
   void classify(std::size_t position);
 
   std::string_view text_;

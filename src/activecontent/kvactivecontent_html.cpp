@@ -6,7 +6,7 @@
 
 #include "activecontent/kvactivecontent_html_decode_entities.h"
 #include "activecontent/kvactivecontent_html_internal.h"
-#include "activecontent/markup_matcher.h"
+#include "activecontent/markup_hits.h"
 #include "activecontent/markup_words.h"
 #include "common/kv_guard.h"
 #include "logging/log-helper.h"
@@ -58,16 +58,6 @@ class decoded_text {
   std::string_view text_;
 };
 
-bool s_registers_handler(std::string_view text, kv_simd_level level) {
-  kv_literal_matcher matcher(text, level);
-  for (kv_literal_hit hit; matcher.next(hit);) {
-    if (hit.number() == markup_literals::kRegistration) {
-      return true;
-    }
-  }
-  return false;
-}
-
 // The list of banned words for this object, ended by an empty one; empty when no tag is tested.
 // In XML the two switches of XML ask for less than "HTML_SCRIPT", and for nothing more.
 std::vector<const char*> s_banned_tags(const scanobject& job) {
@@ -91,10 +81,11 @@ std::vector<const char*> s_banned_tags(const scanobject& job) {
 }
 
 std::int32_t s_scan_text(kv_markup_scan& scan, std::string_view text) {
-  if (scan.wants_handlers() && s_registers_handler(text, scan.environment.level)) {
+  kv_hit_store hits(text, scan.environment.level, kv_hit_filter::of(scan));
+  if (scan.wants_handlers() && hits.present().has(markup_literals::kRegistration)) {
     return kv_markup_detected(scan.reason, "\"Event handler registration\" detected in markup");
   }
-  return scan.words.empty() ? KV_RESULT_CLEAN : kv_check_tags(scan, text);
+  return scan.words.empty() ? KV_RESULT_CLEAN : kv_check_tags(scan, text, hits);
 }
 
 }  // namespace

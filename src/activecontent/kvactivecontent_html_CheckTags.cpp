@@ -130,11 +130,13 @@ class tag_source {
         walker_(text, scan.environment.level),
         every_tag_(log_is_enabled(KV_LOG_LEVEL_DEBUG) || !s_all_words_known(scan)) {}
 
-  enum class outcome { tag, harmless, end, failed };
-  [[nodiscard]] outcome next(kv_tag_view& tag);
+  enum class outcome : std::uint8_t { tag, harmless, end, failed };
+  // The next tag that needs its tests; harmless when none came before the position.
+  [[nodiscard]] outcome next(kv_tag_view& tag, std::size_t position);
   [[nodiscard]] std::size_t position() const { return walker_.position(); }
 
  private:
+  [[nodiscard]] outcome view(const kv_tag_extent& extent, kv_tag_view& tag);
   [[nodiscard]] outcome collect(const kv_tag_extent& extent, kv_tag_view& tag);
 
   const kv_markup_scan& scan_;
@@ -165,11 +167,7 @@ tag_source::outcome tag_source::collect(const kv_tag_extent& extent, kv_tag_view
   return tag.hits.empty() ? outcome::harmless : outcome::tag;
 }
 
-tag_source::outcome tag_source::next(kv_tag_view& tag) {
-  kv_tag_extent extent;
-  if (!walker_.next(extent)) {
-    return outcome::end;
-  }
+tag_source::outcome tag_source::view(const kv_tag_extent& extent, kv_tag_view& tag) {
   tag.text = text_.substr(extent.begin, extent.end - extent.begin);
   tag.origin = extent.begin;
   tag.hits = hits_.between(extent.begin, extent.end);
@@ -182,6 +180,20 @@ tag_source::outcome tag_source::next(kv_tag_view& tag) {
   }
   kv_log_found_tag(tag.text);
   return outcome::tag;
+}
+
+tag_source::outcome tag_source::next(kv_tag_view& tag, std::size_t position) {
+  kv_tag_extent extent;
+  while (walker_.next(extent)) {
+    outcome found = outcome::harmless;
+    if (every_tag_ || extent.may_join || !hits_.none_before(extent.end)) {
+      found = view(extent, tag);
+    }
+    if (found != outcome::harmless || walker_.position() >= position) {
+      return found;
+    }
+  }
+  return outcome::end;
 }
 
 // The tag's answer; a finding that an exception covers is none.
@@ -200,15 +212,13 @@ std::int32_t s_judge(kv_markup_scan& scan, const kv_tag_view& tag) {
 std::int32_t s_walk(kv_markup_scan& scan, std::string_view text, kv_hit_store& hits) {
   tag_source tags(scan, text, hits);
   kv_tag_view tag;
-  std::size_t clock_due = 0;
+  // The clock is read behind each tag that was tested, since its tests may have taken any time, and
+  // otherwise now and then: stepping over a tag takes next to none.
   while (tags.position() < text.size()) {
-    if (tags.position() >= clock_due) {
-      if (scan.time_left_ms() <= 0) {
-        return kv_markup_fail(scan.error, "Service side timeout");
-      }
-      clock_due = tags.position() + kClockInterval;
+    if (scan.time_left_ms() <= 0) {
+      return kv_markup_fail(scan.error, "Service side timeout");
     }
-    switch (tags.next(tag)) {
+    switch (tags.next(tag, tags.position() + kClockInterval)) {
       case tag_source::outcome::end:
         return KV_RESULT_CLEAN;
       case tag_source::outcome::failed:
@@ -216,7 +226,6 @@ std::int32_t s_walk(kv_markup_scan& scan, std::string_view text, kv_hit_store& h
       case tag_source::outcome::harmless:
         break;
       case tag_source::outcome::tag:
-        clock_due = 0;  // its tests may have taken any time
         if (const std::int32_t code = s_judge(scan, tag); code != KV_RESULT_CLEAN) {
           return code;
         }
@@ -225,11 +234,10 @@ std::int32_t s_walk(kv_markup_scan& scan, std::string_view text, kv_hit_store& h
   return KV_RESULT_CLEAN;
 }
 
-std::int32_t s_check_tags(kv_markup_scan& scan, std::string_view text) {
+std::int32_t s_check_tags(kv_markup_scan& scan, std::string_view text, kv_hit_store& hits) {
   if (scan.environment.pattern == nullptr) {
     return kv_markup_fail(scan.error, "Error compiling regex");
   }
-  kv_hit_store hits(text, scan.environment.level, kv_hit_filter::of(scan));
   s_quick_checks(scan, text, hits.present());
   if (scan.flags == 0) {
     return KV_RESULT_CLEAN;
@@ -261,10 +269,10 @@ kv_markup_scan kv_make_markup_scan(const kv_markup_environment& environment, sca
   return scan;
 }
 
-std::int32_t kv_check_tags(kv_markup_scan& scan, std::string_view text) {
+std::int32_t kv_check_tags(kv_markup_scan& scan, std::string_view text, kv_hit_store& hits) {
   std::int32_t rc = KV_RESULT_CLEAN;
   const kv_trace_scope trace("kvactivecontent_html_CheckTags", KV_LOG_UNIT, __LINE__, rc);
-  rc = s_check_tags(scan, text);
+  rc = s_check_tags(scan, text, hits);
   return rc;
 }
 
@@ -275,5 +283,6 @@ std::int32_t kvactivecontent_html_CheckTags(scanobject* job, const char* text, s
                                             std::int64_t time_left_ms) {
   kv_markup_scan scan = kv_make_markup_scan(kv_markup_default_environment(), job, consolidated,
                                             banned_tags, reason, error, flag, time_left_ms);
-  return kv_check_tags(scan, {text, length});
+  kv_hit_store hits({text, length}, scan.environment.level, kv_hit_filter::of(scan));
+  return kv_check_tags(scan, {text, length}, hits);
 }

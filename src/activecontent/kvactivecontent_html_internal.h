@@ -29,6 +29,8 @@ struct kv_banned_word {
   markup_literals::id number;
 };
 
+class kv_hit_store;
+
 struct kv_markup_scan {
   const kv_markup_environment& environment;
   scanobject* job;
@@ -70,7 +72,8 @@ struct kv_tag_verdict {
 [[nodiscard]] std::int32_t kv_scan_markup(const kv_markup_environment& environment, scanobject* job,
                                           kv_scan_result_t* consolidated, char* reason, char* error,
                                           std::uint8_t flag, std::int64_t time_left_ms);
-[[nodiscard]] std::int32_t kv_check_tags(kv_markup_scan& scan, std::string_view text);
+[[nodiscard]] std::int32_t kv_check_tags(kv_markup_scan& scan, std::string_view text,
+                                         kv_hit_store& hits);
 [[nodiscard]] kv_tag_verdict kv_analyse_tag(kv_markup_scan& scan, const kv_tag_view& tag);
 // The children of the tag, in order: srcdoc values, then data URLs.
 [[nodiscard]] kv_tag_verdict kv_scan_srcdocs(kv_markup_scan& scan, const kv_tag_view& tag);

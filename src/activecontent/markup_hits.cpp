@@ -75,6 +75,7 @@ kv_hit_store::kv_hit_store(std::string_view text, kv_simd_level level, const kv_
       covered_ = hit.position();
     }
   }
+  pass_hits_before(0);
 }
 
 void kv_hit_store::refill(std::size_t begin, std::size_t end) {
@@ -94,17 +95,20 @@ void kv_hit_store::refill(std::size_t begin, std::size_t end) {
   }
 }
 
+void kv_hit_store::pass_hits_before(std::size_t position) {
+  while (next_ < hits_.size() && hits_[next_].position() < position) {
+    ++next_;
+  }
+  next_position_ = next_ < hits_.size() ? hits_[next_].position() : covered_;
+}
+
 std::span<const kv_literal_hit> kv_hit_store::between(std::size_t begin, std::size_t end) {
   if (end > covered_) {
     refill(begin, end);
   }
-  while (next_ < hits_.size() && hits_[next_].position() < begin) {
-    ++next_;
-  }
+  pass_hits_before(begin);
   const std::size_t first = next_;
-  while (next_ < hits_.size() && hits_[next_].position() < end) {
-    ++next_;
-  }
+  pass_hits_before(end);
   return std::span(hits_).subspan(first, next_ - first);
 }
 

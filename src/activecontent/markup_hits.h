@@ -35,12 +35,16 @@ class kv_hit_store {
   // Everything that occurs, whether it matters or not.
   [[nodiscard]] const kv_literal_presence& present() const { return present_; }
   [[nodiscard]] const kv_hit_filter& filter() const { return filter_; }
+  // True when nothing that matters lies between what was asked for last and this position: the
+  // quick answer for nearly every tag.
+  [[nodiscard]] bool none_before(std::size_t end) const { return end <= next_position_; }
   // What matters in this part of the text; parts asked for never go back. Valid until the next
   // call.
   [[nodiscard]] std::span<const kv_literal_hit> between(std::size_t begin, std::size_t end);
 
  private:
   void refill(std::size_t begin, std::size_t end);
+  void pass_hits_before(std::size_t position);
 
   std::string_view text_;
   kv_simd_level level_;
@@ -49,6 +53,8 @@ class kv_hit_store {
   std::vector<kv_literal_hit> hits_;
   std::size_t next_ = 0;     // the first hit not yet passed
   std::size_t covered_ = 0;  // hits before this position are all kept
+  // Of the next hit, or where the kept ones end.
+  std::size_t next_position_ = 0;
 };
 
 // All that matters in a text, into hits, whose old contents go.

@@ -2,6 +2,7 @@
 
 #include <immintrin.h>
 
+#include <algorithm>
 #include <array>
 
 #include "activecontent/markup_kernel_tables.h"
@@ -43,14 +44,6 @@ void s_structure_scalar(const char* text, std::size_t words, std::uint64_t* less
   }
 }
 
-// Which buckets each byte of a vector fits at the four offsets.
-struct fits128 {
-  __m128i at[kKeyLength];
-};
-struct fits256 {
-  __m256i at[kKeyLength];
-};
-
 KV_SSSE3 inline __m128i s_table128(const std::array<std::uint8_t, 16>& table) {
   return _mm_load_si128(reinterpret_cast<const __m128i*>(&table));
 }
@@ -59,91 +52,85 @@ KV_AVX2 inline __m256i s_table256(const std::array<std::uint8_t, 16>& table) {
   return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(&table)));
 }
 
-KV_SSSE3 inline fits128 s_fits128(const char* text, const fits128& low, const fits128& high) {
+// The buckets that each byte fits at one offset. A byte above 127 looks up no bucket by its low
+// half as it stands, which is right where every literal has a byte of its own; where one is open
+// the low half is taken alone.
+static_assert(std::ranges::all_of(markup_literals::kAll, [](const auto& literal) {
+  return std::size_t{literal.length} + 1 >= kKeyLength;
+}));
+
+KV_SSSE3 inline __m128i s_fit128(const char* text, __m128i low, __m128i high) {
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  const __m128i high_half = _mm_and_si128(_mm_srli_epi16(bytes, 4), _mm_set1_epi8(0x0F));
+  return _mm_and_si128(_mm_shuffle_epi8(low, bytes), _mm_shuffle_epi8(high, high_half));
+}
+
+KV_SSSE3 inline __m128i s_fit_open128(const char* text, __m128i low, __m128i high) {
   const __m128i half = _mm_set1_epi8(0x0F);
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
-  const __m128i low_half = _mm_and_si128(bytes, half);
   const __m128i high_half = _mm_and_si128(_mm_srli_epi16(bytes, 4), half);
-  fits128 result;
-  for (std::size_t k = 0; k < kKeyLength; ++k) {
-    result.at[k] = _mm_and_si128(_mm_shuffle_epi8(low.at[k], low_half),
-                                 _mm_shuffle_epi8(high.at[k], high_half));
-  }
-  return result;
+  return _mm_and_si128(_mm_shuffle_epi8(low, _mm_and_si128(bytes, half)),
+                       _mm_shuffle_epi8(high, high_half));
 }
 
-KV_AVX2 inline fits256 s_fits256(const char* text, const fits256& low, const fits256& high) {
+KV_AVX2 inline __m256i s_fit256(const char* text, __m256i low, __m256i high) {
+  const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(text));
+  const __m256i high_half = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), _mm256_set1_epi8(0x0F));
+  return _mm256_and_si256(_mm256_shuffle_epi8(low, bytes), _mm256_shuffle_epi8(high, high_half));
+}
+
+KV_AVX2 inline __m256i s_fit_open256(const char* text, __m256i low, __m256i high) {
   const __m256i half = _mm256_set1_epi8(0x0F);
   const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(text));
-  const __m256i low_half = _mm256_and_si256(bytes, half);
   const __m256i high_half = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), half);
-  fits256 result;
-  for (std::size_t k = 0; k < kKeyLength; ++k) {
-    result.at[k] = _mm256_and_si256(_mm256_shuffle_epi8(low.at[k], low_half),
-                                    _mm256_shuffle_epi8(high.at[k], high_half));
-  }
-  return result;
+  return _mm256_and_si256(_mm256_shuffle_epi8(low, _mm256_and_si256(bytes, half)),
+                          _mm256_shuffle_epi8(high, high_half));
 }
 
-// One bit per byte of this vector at which some bucket fits at all four offsets.
-KV_SSSE3 inline std::uint64_t s_marks128(const fits128& here, const fits128& next) {
-  __m128i all = _mm_and_si128(here.at[0], _mm_alignr_epi8(next.at[1], here.at[1], 1));
-  all = _mm_and_si128(all, _mm_alignr_epi8(next.at[2], here.at[2], 2));
-  all = _mm_and_si128(all, _mm_alignr_epi8(next.at[3], here.at[3], 3));
-  const int none = _mm_movemask_epi8(_mm_cmpeq_epi8(all, _mm_setzero_si128()));
-  return static_cast<std::uint16_t>(~none);
-}
-
-// The upper half of one vector and the lower half of the next.
-KV_AVX2 inline __m256i s_middle256(const __m256i& here, const __m256i& next) {
-  return _mm256_permute2x128_si256(here, next, 0x21);
-}
-
-KV_AVX2 inline std::uint64_t s_marks256(const fits256& here, const fits256& next) {
-  const __m256i one = s_middle256(here.at[1], next.at[1]);
-  const __m256i two = s_middle256(here.at[2], next.at[2]);
-  const __m256i three = s_middle256(here.at[3], next.at[3]);
-  __m256i all = _mm256_and_si256(here.at[0], _mm256_alignr_epi8(one, here.at[1], 1));
-  all = _mm256_and_si256(all, _mm256_alignr_epi8(two, here.at[2], 2));
-  all = _mm256_and_si256(all, _mm256_alignr_epi8(three, here.at[3], 3));
-  const int none = _mm256_movemask_epi8(_mm256_cmpeq_epi8(all, _mm256_setzero_si256()));
-  return static_cast<std::uint32_t>(~none);
-}
-
+// The tables stand in variables one by one, so that they stay in registers.
 KV_SSSE3 void s_candidates_ssse3(const char* text, std::size_t words, std::uint64_t* marked) {
-  fits128 low;
-  fits128 high;
-  for (std::size_t k = 0; k < kKeyLength; ++k) {
-    low.at[k] = s_table128(kTables.low[k]);
-    high.at[k] = s_table128(kTables.high[k]);
-  }
-  fits128 here = s_fits128(text, low, high);
+  const __m128i low0 = s_table128(kTables.low[0]);
+  const __m128i low1 = s_table128(kTables.low[1]);
+  const __m128i low2 = s_table128(kTables.low[2]);
+  const __m128i low3 = s_table128(kTables.low[3]);
+  const __m128i high0 = s_table128(kTables.high[0]);
+  const __m128i high1 = s_table128(kTables.high[1]);
+  const __m128i high2 = s_table128(kTables.high[2]);
+  const __m128i high3 = s_table128(kTables.high[3]);
   for (std::size_t word = 0; word < words; ++word) {
-    std::uint64_t bits = 0;
+    std::uint64_t none = 0;
     for (unsigned part = 0; part < kWordBytes; part += 16) {
+      __m128i fit = _mm_and_si128(s_fit128(text, low0, high0), s_fit128(text + 1, low1, high1));
+      fit = _mm_and_si128(fit, s_fit128(text + 2, low2, high2));
+      fit = _mm_and_si128(fit, s_fit_open128(text + 3, low3, high3));
+      const int misses = _mm_movemask_epi8(_mm_cmpeq_epi8(fit, _mm_setzero_si128()));
+      none |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(misses)) << part;
       text += 16;
-      const fits128 next = s_fits128(text, low, high);
-      bits |= s_marks128(here, next) << part;
-      here = next;
     }
-    marked[word] = bits;
+    marked[word] = ~none;
   }
 }
 
 KV_AVX2 void s_candidates_avx2(const char* text, std::size_t words, std::uint64_t* marked) {
-  fits256 low;
-  fits256 high;
-  for (std::size_t k = 0; k < kKeyLength; ++k) {
-    low.at[k] = s_table256(kTables.low[k]);
-    high.at[k] = s_table256(kTables.high[k]);
-  }
-  fits256 here = s_fits256(text, low, high);
+  const __m256i low0 = s_table256(kTables.low[0]);
+  const __m256i low1 = s_table256(kTables.low[1]);
+  const __m256i low2 = s_table256(kTables.low[2]);
+  const __m256i low3 = s_table256(kTables.low[3]);
+  const __m256i high0 = s_table256(kTables.high[0]);
+  const __m256i high1 = s_table256(kTables.high[1]);
+  const __m256i high2 = s_table256(kTables.high[2]);
+  const __m256i high3 = s_table256(kTables.high[3]);
   for (std::size_t word = 0; word < words; ++word) {
-    const fits256 middle = s_fits256(text + 32, low, high);
-    const fits256 next = s_fits256(text + 64, low, high);
-    marked[word] = s_marks256(here, middle) | s_marks256(middle, next) << 32;
-    here = next;
-    text += kWordBytes;
+    std::uint64_t none = 0;
+    for (unsigned part = 0; part < kWordBytes; part += 32) {
+      __m256i fit = _mm256_and_si256(s_fit256(text, low0, high0), s_fit256(text + 1, low1, high1));
+      fit = _mm256_and_si256(fit, s_fit256(text + 2, low2, high2));
+      fit = _mm256_and_si256(fit, s_fit_open256(text + 3, low3, high3));
+      const int misses = _mm256_movemask_epi8(_mm256_cmpeq_epi8(fit, _mm256_setzero_si256()));
+      none |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(misses)) << part;
+      text += 32;
+    }
+    marked[word] = ~none;
   }
 }
 

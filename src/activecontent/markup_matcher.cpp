@@ -29,7 +29,8 @@ constexpr std::uint32_t s_key(std::string_view text) {
 // Literals grouped by key, in each group the longest first. The one shorter than a key is not
 // among them.
 constexpr markup_literals::id kShort = markup_literals::kFirstBanned + 3;
-static_assert(kAll[kShort].text() == "xsl");
+static_assert(kAll[kShort].text() == "xsl");  // no other begins with these letters
+constexpr std::uint32_t kShortKeyMask = 0x00FFFFFF;
 
 constexpr std::array<markup_literals::id, kCount - 1> kByKey = [] {
   std::array<markup_literals::id, kCount - 1> order{};
@@ -86,15 +87,29 @@ const group& s_find_group(std::uint32_t key) {
 }
 
 bool s_begins_with(std::string_view text, const markup_literals::literal& literal) {
-  return text.size() >= literal.length &&
-         kv_equal_folded(text.substr(0, literal.length), literal.text());
+  std::size_t i = 0;
+  while (i < literal.length && i < text.size() && kv_fold(text[i]) == literal.folded[i]) {
+    ++i;
+  }
+  return i == literal.length;
+}
+
+std::uint32_t s_key_at(std::string_view text) {
+  std::uint32_t key = 0;
+  if (text.size() >= kKeyLength) {
+    std::memcpy(&key, text.data(), kKeyLength);  // one load
+  } else {
+    std::memcpy(&key, text.data(), text.size());
+  }
+  return key | kCaseBits;
 }
 
 // The longest literal that the text begins with.
 markup_literals::id s_identify(std::string_view text) {
-  std::uint32_t key = 0;
-  std::memcpy(&key, text.data(), std::min(text.size(), kKeyLength));
-  key |= kCaseBits;
+  const std::uint32_t key = s_key_at(text);
+  if ((key & kShortKeyMask) == (s_key(kAll[kShort].text()) & kShortKeyMask)) {
+    return s_begins_with(text, kAll[kShort]) ? kShort : kNone;
+  }
   const group& candidates = s_find_group(key);
   for (std::size_t i = 0; i < candidates.count; ++i) {
     const markup_literals::id number = kByKey[candidates.first + i];
@@ -102,7 +117,7 @@ markup_literals::id s_identify(std::string_view text) {
       return number;
     }
   }
-  return s_begins_with(text, kAll[kShort]) ? kShort : kNone;
+  return kNone;
 }
 
 }  // namespace

@@ -33,9 +33,10 @@
 // words that the matcher does not know.
 [[nodiscard]] constexpr std::size_t kv_find_folded(std::string_view text, std::string_view word,
                                                    std::size_t from = 0) {
-  const auto found =
-      std::ranges::search(text.substr(std::min(from, text.size())), word, {}, kv_fold, kv_fold);
-  return found.begin() == text.end() && !word.empty()
-             ? std::string_view::npos
-             : static_cast<std::size_t>(found.begin() - text.begin());
+  const std::string_view rest = text.substr(std::min(from, text.size()));
+  const auto* const found =
+      std::search(rest.begin(), rest.end(), word.begin(), word.end(),
+                  [](char left, char right) { return kv_fold(left) == kv_fold(right); });
+  return found == rest.end() ? std::string_view::npos
+                             : static_cast<std::size_t>(found - text.begin());
 }
