@@ -168,7 +168,10 @@ std::string s_resolve_run_directory(const char* run_directory) {
               run_directory, KVstrerror(errno));
   }
   std::array<char, PATH_MAX> resolved{};
-  static_cast<void>(realpath(run_directory, resolved.data()));
+  if (realpath(run_directory, resolved.data()) == nullptr) {
+    KV_LOG_AS(KV_LOG_LEVEL_ERROR, "kv_log_create_log_dispatcher", "Failed to resolve %s: %s",
+              run_directory, KVstrerror(errno));
+  }
   return resolved.data();
 }
 
