@@ -205,6 +205,17 @@ TEST_F(outage_test, AMissingCertificateFileIsLoggedAndTriedAgain) {
   EXPECT_TRUE(client.wait_until_open());
 }
 
+TEST_F(outage_test, ACertificateFileOfAnotherKindIsLogged) {
+  const trace_capture trace;
+  kv_amqp_config_ptr config = broker->client_config();
+  const temp_dir folder;
+  write_whole_file(folder.file("ca.pem"), "no certificate");
+  std::free(config->cert_path);
+  config->cert_path = copy_text(folder.file("ca.pem").c_str());
+  const endpoint client(std::move(config), impatient());
+  EXPECT_TRUE(eventually([&] { return trace.count("ERROR", "no trusted certificate in ") >= 2; }));
+}
+
 TEST_F(outage_test, AFrozenBrokerIsNoticedAndLeft) {
   const trace_capture trace;
   endpoint client(broker->client_config(), impatient());
