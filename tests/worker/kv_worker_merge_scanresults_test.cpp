@@ -124,6 +124,32 @@ TEST(merge_scanresults, ARowAddedByAMergeIsFoundByItsNextRows) {
   EXPECT_EQ(into->files[0]->return_code, -202);
 }
 
+// As a page with very many children merges them. A search through all rows would take minutes.
+TEST(merge_scanresults, ManyMergesFindEveryRow) {
+  constexpr int kMerges = 50000;
+  const kv_scan_result_ptr into = make_result({{"page"}});
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < kMerges; ++i) {
+      merge(into, {{"page/data-url-" + std::to_string(i), -round}});
+    }
+    ASSERT_EQ(into->file_count, kMerges + 1);
+    for (int i = 1; i <= kMerges; ++i) {
+      ASSERT_EQ(into->files[i]->file_name, "page/data-url-" + std::to_string(i - 1));
+      ASSERT_EQ(into->files[i]->return_code, -round);
+    }
+  }
+}
+
+TEST(merge_scanresults, RowsAddedWithoutAMergeAreFound) {
+  const kv_scan_result_ptr into = make_result({{"a"}});
+  merge(into, {{"b"}});
+  ASSERT_EQ(kv_worker_add_file_scan_result(into.get(), make_file({"c"}).get()), 0);
+  merge(into, {{"c", -202}, {"b", -201}});
+  ASSERT_EQ(into->file_count, 3);
+  EXPECT_EQ(into->files[1]->return_code, -201);
+  EXPECT_EQ(into->files[2]->return_code, -202);
+}
+
 TEST(merge_scanresults, RowsWithoutANameArePassedOver) {
   const kv_scan_result_ptr into = make_result({{"a"}});
   free(into->files[0]->file_name);
