@@ -32,7 +32,6 @@ constexpr std::string_view kMimescan = "kv-av-mimescan";
 // Services that only pass objects on: asking them would bring the object round again.
 constexpr std::array kSkippedServices{"kv-av-cloudscan", "kv-av-scanproxy"};
 constexpr std::int32_t kNoSegment = -1;
-constexpr const char* kTimeout = "Service side timeout";
 constexpr std::int64_t kSlotWaitStepMs = 1000;
 
 bool s_is_skipped(const char* service) {
@@ -238,7 +237,7 @@ class s_chain {
   std::int32_t ask(const char* service) {
     const std::int32_t timeout_ms = kv_recursive_timeout_ms(start_ms_, args_.time_left_ms);
     if (timeout_ms <= 0) {
-      return s_fail(args_, kTimeout);
+      return s_fail(args_, KV_SERVICE_SIDE_TIMEOUT);
     }
     kv_scan_result_ptr result{kv_worker_new_scan_result()};
     if (!result) {
@@ -328,7 +327,7 @@ std::int32_t s_scan_with_slot(kv_recursive_scan_args_t args) {
   const std::uint64_t start_ms = kv_current_time_ms();
   const s_slot slot(args.process->slots, args.time_left_ms);
   if (!slot.is_taken()) {
-    return s_fail(args, kTimeout);
+    return s_fail(args, KV_SERVICE_SIDE_TIMEOUT);
   }
   if (args.time_left_ms != KV_NO_TIME_LIMIT) {
     args.time_left_ms -= static_cast<std::int64_t>(kv_current_time_ms() - start_ms);

@@ -173,10 +173,14 @@ kv_service_answer_t s_ask(const kv_service_call_t& call, const std::string& serv
   pair->request->json = call.request_json;
   pair->request->data = call.data;
   pair->request->data_size = call.data == nullptr ? 0 : call.length;
+  const std::int32_t timeout_ms = kv_recursive_timeout_ms(call.start_ms, call.limit_ms);
+  if (timeout_ms <= 0) {  // a fallback comes after an answer, which may have taken all there was
+    KV_LOG_AS(KV_LOG_LEVEL_ERROR, kFunction, "%s", KV_SERVICE_SIDE_TIMEOUT);
+    return {KV_RESULT_FAILED, KV_SERVICE_SIDE_TIMEOUT};
+  }
   std::array<char, KV_ERROR_TEXT_SIZE> error{};
   const kv_json_ptr reply{call.process->ask(call.process->amqp, service.c_str(), pair.get(),
-                                            kv_recursive_timeout_ms(call.start_ms, call.limit_ms),
-                                            0, 0, error.data())};
+                                            timeout_ms, 0, 0, error.data())};
   if (!reply) {
     std::string text = error.front() != '\0' ? std::string(error.data())
                                              : "Failed to get reply from service " + service;

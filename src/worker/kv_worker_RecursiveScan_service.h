@@ -16,6 +16,9 @@ struct kv_service_answer_t {
   bool is_fallback = false;  // the "+" decided instead of the service's own answer
 };
 
+// The error of a scan whose time budget is spent.
+inline constexpr const char* KV_SERVICE_SIDE_TIMEOUT = "Service side timeout";
+
 // In a service's name: cuts off the name of its fallback.
 inline constexpr char KV_FALLBACK_MARK = '+';
 

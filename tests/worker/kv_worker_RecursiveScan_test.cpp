@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -476,6 +477,53 @@ TEST_F(recursive_scan, ASpentBudgetEndsTheChain) {
   EXPECT_LE(services_.asked[0].timeout_ms, 20);
   EXPECT_STREQ(error_.data(), "Service side timeout");
   EXPECT_EQ(scan("first", 0), -1000);
+}
+
+TEST_F(recursive_scan, ASpentBudgetAsksNoFallback) {
+  services_.answer = [](const services_double::question&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    return R"({"ReturnCode":-100,"Blocking-reason":"busy"})";
+  };
+  EXPECT_EQ(scan("first+second", 20), -1000);
+  EXPECT_THAT(services_.names(), ElementsAre("first"));
+  EXPECT_STREQ(error_.data(), "Service side timeout");
+}
+
+// Resident memory of this process in bytes.
+std::int64_t resident_bytes() {
+  std::int64_t total = 0;
+  std::int64_t resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+TEST_F(recursive_scan, MemoryStaysFlatOverManyChildren) {
+#ifdef __SANITIZE_ADDRESS__
+  constexpr int kJobs = 5;  // freed memory is kept back there: the leak check tells instead
+  constexpr std::int64_t kAllowed = std::int64_t{1} << 30;
+#else
+  constexpr int kJobs = 100;
+  constexpr std::int64_t kAllowed = std::int64_t{8} << 20;
+#endif
+  constexpr int kChildren = 1000;  // of each job
+  services_.answer = [this](const auto&) {
+    services_.asked.clear();
+    return R"({"ReturnCode":0,"Results":[{"ReturnCode":0,"File-name":"inner.txt"}]})";
+  };
+  const auto run_job = [&] {
+    result_.reset(kv_worker_new_scan_result());
+    for (int child = 0; child < kChildren; ++child) {
+      EXPECT_EQ(scan("first"), 0);
+    }
+  };
+  for (int job = 0; job < 5; ++job) {
+    run_job();
+  }
+  const std::int64_t before = resident_bytes();
+  for (int job = 0; job < kJobs; ++job) {
+    run_job();
+  }
+  EXPECT_LT(resident_bytes() - before, kAllowed);
 }
 
 TEST_F(recursive_scan, WithoutABudgetARequestWaitsTwoMinutes) {
