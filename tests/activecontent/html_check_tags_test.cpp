@@ -27,11 +27,13 @@ struct verdict_case {
   std::string reason;  // empty: clean
 };
 
+constexpr std::size_t kOffsets[] = {0, 1, 40, 60, 61, 62, 63, 64, 4000, 4095};
+
 class HtmlVerdict : public testing::TestWithParam<verdict_case> {};
 
 // Every text at several places of the blocks in which texts are searched, at every level.
 TEST_P(HtmlVerdict, HoldsAtEveryPlaceAndLevel) {
-  for (const std::size_t offset : {0, 1, 40, 60, 61, 62, 63, 64, 4000, 4095}) {
+  for (const std::size_t offset : kOffsets) {
     for (const kv_simd_level level : available_simd_levels()) {
       const std::string text = std::string(offset, ' ') + GetParam().text;
       const markup_outcome out =
