@@ -209,29 +209,39 @@ void broker_routing::receive(pn_link_t* link, pn_delivery_t* delivery, producer&
     return;
 
   std::string encoded = std::exchange(from.partial, {});
-  if (!pn_delivery_aborted(delivery)) {
-    static constexpr std::array<std::pair<const char*, const char*>, 6> kRefusals{{
-        {nullptr, nullptr},
-        {"amqp:not-found", "the message names no address"},
-        {"amqp:not-found", "the address is too long"},
-        {"amqp:resource-limit-exceeded", "the queue is full"},
-        {"amqp:decode-error", "the bytes are no message"},
-        {"amqp:resource-limit-exceeded", "too many queues"},
-    }};
-    const verdict result = route(from.queue, std::move(encoded));
-    if (result != verdict::queued) {
-      const auto& [name, text] = kRefusals[static_cast<std::size_t>(result)];
-      pn_condition_t* condition = pn_disposition_condition(pn_delivery_local(delivery));
-      pn_condition_set_name(condition, name);
-      pn_condition_set_description(condition, text);
-    }
-    pn_delivery_update(delivery, result == verdict::queued ? PN_ACCEPTED : PN_REJECTED);
-  }
+  if (!pn_delivery_aborted(delivery))
+    tell(delivery, route(from.queue, std::move(encoded)));
   pn_link_advance(link);
   pn_delivery_settle(delivery);
   const int credit = pn_link_credit(link);
-  if (credit < kProducerCredit / 2)
+  if (credit < kProducerCredit / 2) {
     pn_link_flow(link, kProducerCredit - credit);
+  }
+}
+
+// Accepts what is queued; what is refused is told why.
+void broker_routing::tell(pn_delivery_t* delivery, verdict result) {
+  if (result == verdict::queued) {
+    pn_delivery_update(delivery, PN_ACCEPTED);
+    return;
+  }
+  struct refusal {
+    const char* condition;
+    const char* text;
+  };
+  static constexpr std::array<refusal, 6> kRefusals{{
+      {nullptr, nullptr},
+      {"amqp:not-found", "the message names no address"},
+      {"amqp:not-found", "the address is too long"},
+      {"amqp:resource-limit-exceeded", "the queue is full"},
+      {"amqp:decode-error", "the bytes are no message"},
+      {"amqp:resource-limit-exceeded", "too many queues"},
+  }};
+  const refusal& why = kRefusals[static_cast<std::size_t>(result)];
+  pn_condition_t* condition = pn_disposition_condition(pn_delivery_local(delivery));
+  pn_condition_set_name(condition, why.condition);
+  pn_condition_set_description(condition, why.text);
+  pn_delivery_update(delivery, PN_REJECTED);
 }
 
 broker_routing::verdict broker_routing::route(broker_queue_entry* queue, std::string encoded) {

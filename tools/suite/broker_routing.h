@@ -69,6 +69,7 @@ class broker_routing {
   void drop_temporary(broker_queue_entry* queue);
 
   void receive(pn_link_t* link, pn_delivery_t* delivery, producer& from);
+  static void tell(pn_delivery_t* delivery, verdict result);
   verdict route(broker_queue_entry* queue, std::string encoded);
   verdict serve(const broker_queue_entry& queue, const std::string& encoded);
 
