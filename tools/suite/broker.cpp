@@ -171,6 +171,7 @@ void broker::implementation::run() {
     pn_event_batch_t* batch = pn_proactor_wait(proactor_.get());
     while (pn_event_t* event = pn_event_batch_next(batch))
       handle(event);
+    routing_.wake_written();
     pn_proactor_done(proactor_.get(), batch);
   }
 }

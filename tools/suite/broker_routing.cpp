@@ -326,7 +326,17 @@ void broker_routing::send(consumer& to, const broker_message_ptr& message,
   }
   // The consumer's connection may be another than the one whose events are handled now: it writes
   // when it is woken.
-  pn_connection_wake(s_connection(to.link));
+  pn_connection_t* connection = s_connection(to.link);
+  if (std::ranges::find(written_, connection) == written_.end()) {
+    written_.push_back(connection);
+  }
+}
+
+void broker_routing::wake_written() {
+  for (pn_connection_t* connection : written_) {
+    pn_connection_wake(connection);
+  }
+  written_.clear();
 }
 
 void broker_routing::settle(consumer& at, pn_delivery_t* delivery) {

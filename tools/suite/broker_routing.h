@@ -54,6 +54,9 @@ class broker_routing {
   void detach(std::span<pn_link_t* const> links);
   void flow(pn_link_t* link);
   void delivery(pn_delivery_t* delivery);
+  // Wakes the connections that were sent on since the last call, once each. Called at the end of
+  // every batch of events, while all of them still exist.
+  void wake_written();
   // Drops expired messages and queues that nobody uses.
   void tidy();
 
@@ -81,6 +84,7 @@ class broker_routing {
   const broker_config& config_;
   note_handler& note_;
   std::unordered_map<std::string, std::unique_ptr<broker_queue_entry>> queues_;
+  std::vector<pn_connection_t*> written_;
 };
 
 }  // namespace kv_suite
