@@ -2,36 +2,40 @@
 
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "logging/log-helper.h"
 
-kv_json_ptr kv_json_parse(std::string_view text, const char* function, const char* unit, int line) {
+bool kv_json_parse(std::string_view text, kv_json_ptr& out, const char* function, const char* unit,
+                   int line) {
+  out.reset();
   const kv_json_tokener_ptr tokener{json_tokener_new_ex(KV_JSON_MAX_DEPTH)};
   if (!tokener) {
     log_log(KV_LOG_LEVEL_ERROR, function, unit, line, "Failed to create JSON tokener");
-    return nullptr;
+    return false;
   }
-  if (text.size() >= INT_MAX) {
-    log_log(KV_LOG_LEVEL_ERROR, function, unit, line,
-            "Failed to parse JSON. Errorcode: %s. JSON: \n",
-            json_tokener_error_desc(json_tokener_error_size));
-    return nullptr;
+  json_tokener_error error = json_tokener_error_size;
+  if (text.size() < INT_MAX) {
+    out.reset(json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size())));
+    error = json_tokener_get_error(tokener.get());
   }
-  kv_json_ptr object{
-      json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size()))};
-  json_tokener_error error = json_tokener_get_error(tokener.get());
   if (error == json_tokener_continue) {
     // The text may be a whole document that only lacks its end mark (a bare number), or be cut
     // short.
-    object.reset(json_tokener_parse_ex(tokener.get(), "", 1));
+    out.reset(json_tokener_parse_ex(tokener.get(), "", 1));
     error = json_tokener_get_error(tokener.get());
   }
-  if (error != json_tokener_success || !object) {
+  if (error != json_tokener_success) {
     log_log(KV_LOG_LEVEL_ERROR, function, unit, line,
             "Failed to parse JSON. Errorcode: %s. JSON: \n", json_tokener_error_desc(error));
-    return nullptr;
+    return false;
   }
-  return object;
+  return true;
+}
+
+kv_json_ptr kv_json_parse(std::string_view text, const char* function, const char* unit, int line) {
+  kv_json_ptr object;
+  return kv_json_parse(text, object, function, unit, line) ? std::move(object) : nullptr;
 }
 
 kv_json_presence kv_json_get_text(json_object* object, const char* key, std::string& out) {

@@ -22,8 +22,12 @@ enum class kv_json_presence { present, absent, empty };
 // Deepest nesting of a JSON text that is parsed (json-c's own default).
 inline constexpr int KV_JSON_MAX_DEPTH = 32;
 
-// Parses a whole text. Null on failure, after logging "Failed to create JSON tokener" or "Failed to
-// parse JSON. Errorcode: %s. JSON: \n" at ERROR under the caller's name and unit.
+// Parses a whole text. False on failure, after logging "Failed to create JSON tokener" or "Failed
+// to parse JSON. Errorcode: %s. JSON: \n" at ERROR under the caller's name and unit. The text null
+// is a JSON text like any other: true, with the null pointer that stands for it.
+[[nodiscard]] bool kv_json_parse(std::string_view text, kv_json_ptr& out, const char* function,
+                                 const char* unit, int line);
+// The same for callers to whom the text null is as good as none: null for both.
 [[nodiscard]] kv_json_ptr kv_json_parse(std::string_view text, const char* function,
                                         const char* unit, int line);
 

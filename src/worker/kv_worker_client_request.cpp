@@ -116,8 +116,8 @@ std::int32_t s_handle(kv_const_request_reply_t& pair, worker_thread_parameters& 
     return -1;
   }
   KV_LOG_AS(KV_LOG_LEVEL_TRACE, kHandler, "request (raw): %s", pair.request->json);
-  const kv_json_ptr request = kv_json_parse(pair.request->json, kHandler, KV_LOG_UNIT, __LINE__);
-  if (!request) {
+  kv_json_ptr request;  // stays null for the text null, which has no keys
+  if (!kv_json_parse(pair.request->json, request, kHandler, KV_LOG_UNIT, __LINE__)) {
     return -1;
   }
   return s_dispatch({pair, request.get(), thread}, duration);

@@ -155,9 +155,8 @@ std::int32_t kv_worker_control_request_handler(void* shared_parameters,
                                                kv_const_request_reply_t* pair) {
   KV_LOG_TRACE("Dispatching the message/task");
   const char* text = pair->request->json;
-  const kv_json_ptr request =
-      kv_json_parse(text == nullptr ? "" : text, __func__, KV_LOG_UNIT, __LINE__);
-  if (!request) {
+  kv_json_ptr request;  // stays null for the text null, which has no keys
+  if (!kv_json_parse(text == nullptr ? "" : text, request, __func__, KV_LOG_UNIT, __LINE__)) {
     return -1;
   }
   KV_LOG_DEBUG("Got Control Job");

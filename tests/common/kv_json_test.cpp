@@ -23,6 +23,20 @@ TEST(JsonParse, TakesWholeTextsOfEveryType) {
   }
 }
 
+TEST(JsonParse, TextNullIsNoFailure) {
+  const trace_capture trace;
+  for (const char* const text : {"null", " null\n"}) {
+    kv_json_ptr object = parse("{}");
+    EXPECT_TRUE(kv_json_parse(text, object, "function", "unit", 1)) << text;
+    EXPECT_EQ(object, nullptr) << text;
+    EXPECT_EQ(parse(text), nullptr) << text;
+  }
+  EXPECT_EQ(trace.count("Failed to parse JSON"), 0);
+  kv_json_ptr object = parse("{}");
+  EXPECT_FALSE(kv_json_parse("nul", object, "function", "unit", 1));
+  EXPECT_EQ(object, nullptr);
+}
+
 TEST(JsonParse, RefusesWhatIsNoneAndLogsUnderTheCallersName) {
   const trace_capture trace;
   int refused = 0;

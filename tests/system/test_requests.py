@@ -28,7 +28,7 @@ def test_text_that_is_no_json_is_answered_minus_one(worker, client, text):
     assert json.loads(client.request_text(SERVICE, text)) == expected
 
 
-@pytest.mark.parametrize("value", [{}, [], 7, "text", {"Command": 7}, {"Command": 99},
+@pytest.mark.parametrize("value", [{}, [], 7, None, "text", {"Command": 7}, {"Command": 99},
                                    {"Command": None}, {"command": 3}])
 def test_missing_and_unknown_commands_are_answered_zero(worker, client, value):
     assert client.request(SERVICE, value) == OK

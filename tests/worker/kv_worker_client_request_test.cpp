@@ -83,13 +83,13 @@ TEST_F(client_request, a_ping_is_answered_at_once_without_timing) {
 }
 
 TEST_F(client_request, a_missing_command_is_answered_zero) {
-  for (const char* text : {"{}", "[]", "7", "\"text\"", "{\"command\": 3}"}) {
+  for (const char* text : {"{}", "[]", "7", "\"text\"", "null", "{\"command\": 3}"}) {
     const fake_job job(text);
     EXPECT_EQ(handle(job), 0) << text;
     EXPECT_EQ(job.reply(), kOk) << text;
   }
-  EXPECT_EQ(trace.count("WARN", "Object Command not found"), 5);
-  EXPECT_EQ(trace.count("INFO", "Request handled in "), 5);
+  EXPECT_EQ(trace.count("WARN", "Object Command not found"), 6);
+  EXPECT_EQ(trace.count("INFO", "Request handled in "), 6);
 }
 
 TEST_F(client_request, an_unknown_command_is_answered_zero) {

@@ -59,11 +59,13 @@ TEST_F(worker_control, unknown_commands_are_logged_and_not_answered) {
 }
 
 TEST_F(worker_control, a_missing_command_counts_as_minus_one) {
-  const fake_job job("{\"Secret\": \"x\"}");
-  EXPECT_EQ(handle(job), 0);
-  EXPECT_EQ(job.reply(), "");
-  EXPECT_EQ(trace.count("WARN", "Object Command not found"), 1);
-  EXPECT_EQ(trace.count("WARN", "Unhandled Command Code -1 received"), 1);
+  for (const char* text : {"{\"Secret\": \"x\"}", "null", "[]"}) {
+    const fake_job job(text);
+    EXPECT_EQ(handle(job), 0) << text;
+    EXPECT_EQ(job.reply(), "") << text;
+  }
+  EXPECT_EQ(trace.count("WARN", "Object Command not found"), 3);
+  EXPECT_EQ(trace.count("WARN", "Unhandled Command Code -1 received"), 3);
 }
 
 TEST_F(worker_control, shutdown_with_the_right_secret_ends_the_worker) {
