@@ -37,7 +37,8 @@ void kv_log_owner_open(const char* semaphore_name, sem_t* semaphore);
 void kv_log_owner_close();
 // After the semaphore was taken.
 void kv_log_owner_acquired(const sem_t* semaphore);
-// Before the semaphore is posted: false when a repair has posted it in this process's place.
+// Before the semaphore is posted: false when a repair has posted it in this process's place. Always
+// true for a semaphore that this process did not take through the log.
 [[nodiscard]] bool kv_log_owner_released(const sem_t* semaphore);
 // After a wait that began at wait_start_ms ran into its limit. True when the semaphore was
 // repaired.

@@ -23,6 +23,9 @@
 //   one case in which two can hold the semaphore; lines stay whole, since each is one appending
 //   write, and an archive is never overwritten.
 //
+// A release that no acquisition of this process stands behind is none of this record's: the
+// semaphore was taken past the log's lock function, and is posted like any other.
+//
 // Time-outs are counted per process in rounds: waits of several threads that overlap count once,
 // and a wait that succeeds starts the count over.
 #include <fcntl.h>
@@ -61,6 +64,7 @@ constexpr std::uint64_t kProcessMask = (1ULL << (kPidBits + kStartBits)) - 1;
 struct owner_state {
   std::atomic<owner_word*> word{nullptr};
   std::atomic<const sem_t*> semaphore{nullptr};
+  std::atomic<int> held{0};  // acquisitions of this process that were not released yet
   std::mutex mutex;
   // Guarded by the mutex.
   int rounds = 0;                // time-outs in a row
@@ -209,14 +213,16 @@ void kv_log_owner_acquired(const sem_t* semaphore) {
     return;
   }
   word->store(s_next(word->load(), s_this_process()));
+  O.held.fetch_add(1);
   s_forget_rounds();
 }
 
 bool kv_log_owner_released(const sem_t* semaphore) {
   owner_word* const word = s_word_of(semaphore);
-  if (word == nullptr) {
+  if (word == nullptr || O.held.load() == 0) {
     return true;
   }
+  O.held.fetch_sub(1);
   std::uint64_t held = word->load();
   return (held & kProcessMask) == s_this_process() &&
          word->compare_exchange_strong(held, s_next(held, 0));

@@ -398,6 +398,18 @@ TEST_F(SharedTrace, HolderWhoseTurnWasTakenDoesNotPost) {
   sem_post(semaphore());
 }
 
+TEST_F(SharedTrace, ReleasePostsWhatWasTakenPastTheLock) {
+  open_trace();
+  ASSERT_EQ(sem_wait(semaphore()), 0);
+  EXPECT_EQ(KVLogLock(semaphore(), 0), 0);
+  EXPECT_EQ(value(), 1);
+  EXPECT_EQ(KVLogLock(semaphore(), 0), 0) << "what nobody took is posted, too";
+  EXPECT_EQ(value(), 2);
+  ASSERT_EQ(sem_wait(semaphore()), 0);
+  KV_LOG_INFO("line");
+  EXPECT_EQ(value(), 1);
+}
+
 TEST_F(SharedTrace, LaterProcessWithTheSameIdIsNotTakenForTheHolder) {
   open_trace();
   ASSERT_EQ(sem_wait(semaphore()), 0);
