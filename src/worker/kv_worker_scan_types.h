@@ -202,7 +202,8 @@ using kv_file_scan_result_ptr =
 // name that is there already completes it, any other is appended. 0 or -1. Any thread.
 [[nodiscard]] int kv_worker_merge_scanresults(kv_scan_result_t* consolidated,
                                               const kv_scan_result_t* latest);
-// Consolidates the file results into the result's code, reasons and error. 0, or -1 for null.
+// Consolidates the file results into the result's code, reasons and error. 0, or -1 for null and
+// when memory runs out; the code is right even then.
 [[nodiscard]] int kv_worker_create_scan_results_summary(kv_scan_result_t* result);
 // Renders the reply; a newly allocated text or null.
 [[nodiscard]] char* kv_worker_create_scan_reply(const kv_scan_result_t* result);

@@ -227,6 +227,16 @@ std::string s_consolidate(kv_scan_result_t& result) {
   return s_consolidate(result, files, parents);
 }
 
+// What needs no memory: without reasons and error text a result is still not called clean.
+void s_take_lowest_code(kv_scan_result_t& result) {
+  for (const kv_file_scan_result_t* const file :
+       file_span{result.files, static_cast<std::size_t>(result.file_count)}) {
+    if (s_is_blocking(file->return_code)) {
+      result.return_code = std::min(result.return_code, file->return_code);
+    }
+  }
+}
+
 }  // namespace
 
 int kv_worker_create_scan_results_summary(kv_scan_result_t* result) {
@@ -240,6 +250,7 @@ int kv_worker_create_scan_results_summary(kv_scan_result_t* result) {
     }
   } catch (const std::exception& failure) {
     KV_LOG_ERROR("%s", failure.what());
+    s_take_lowest_code(*result);
     return -1;
   }
   if (result->reasons != nullptr) {

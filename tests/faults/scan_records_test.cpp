@@ -87,8 +87,10 @@ TEST_F(ResultFaults, ArrayThatCannotGrowKeepsItsRows) {
 TEST_F(ResultFaults, SummaryWithoutMemoryReportsIt) {
   result->files[0]->return_code = -202;
   for (int after = 0;; ++after) {
+    result->return_code = 0;
     const alloc_fault fault{fault_point::operator_new, after};
     const int rc = kv_worker_create_scan_results_summary(result.get());
+    EXPECT_EQ(result->return_code, -202);
     if (!alloc_fault::happened()) {
       EXPECT_EQ(rc, 0);
       break;
