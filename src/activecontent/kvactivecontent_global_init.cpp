@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
 
+#include "common/KVstrerror.h"
 #include "logging/log-helper.h"
 
 namespace {
@@ -20,7 +20,7 @@ constexpr const char* kOwnProgram = "/proc/self/exe";
 std::int64_t s_program_timestamp() {
   struct stat status {};
   if (stat(kOwnProgram, &status) != 0) {
-    KV_LOG_ERROR("%s: %s", kOwnProgram, std::strerror(errno));
+    KV_LOG_ERROR("%s: %s", kOwnProgram, KVstrerror(errno));
     return 0;
   }
   return status.st_mtime;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/KVstrerror.h"
 #include "common/kvhlp_network.h"
 #include "logging/log-helper.h"
 #include "worker/kv_worker_commandline_options.h"
@@ -48,7 +49,7 @@ bool s_store_number(const kv_option_rule& rule, Integer& target) {
   errno = 0;
   const std::int64_t value = std::strtol(optarg, nullptr, 10);
   if (errno != 0) {
-    KV_LOG_ERROR("Failed to convert %s to int: %s", "optarg", std::strerror(errno));
+    KV_LOG_ERROR("Failed to convert %s to int: %s", "optarg", KVstrerror(errno));
     return false;
   }
   if (value >= rule.lowest && value <= rule.highest) {

@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "common/KVstrerror.h"
 #include "logging/log-helper.h"
 
 namespace {
@@ -99,7 +100,7 @@ int kv_worker_add_file_scan_result(kv_scan_result_t* result, const kv_file_scan_
   const auto count = static_cast<std::size_t>(result->file_count);
   void* const grown = std::realloc(result->files, (count + 1) * sizeof(*result->files));
   if (grown == nullptr) {
-    KV_LOG_ERROR("Failed to reallocate filescan results: %s", std::strerror(errno));
+    KV_LOG_ERROR("Failed to reallocate filescan results: %s", KVstrerror(errno));
     return -1;
   }
   result->files = static_cast<kv_file_scan_result_t**>(grown);
