@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <stdexcept>
@@ -354,6 +355,64 @@ TEST(DispatchTable, PdfWithoutItsBytesFailsWhateverTheSwitches) {
   const outcome got = dispatch(without_bytes({}, "application/pdf"));
   EXPECT_EQ(got.code, -1000);
   EXPECT_EQ(got.error, "Data length inconsistency");
+}
+
+// One object for each row that hands its object to a detector with switches of its own.
+struct detector_row {
+  const char* mime;
+  const char* type;
+  std::vector<kv_ac_slot> switches;
+  const char* log_line;  // null for none
+};
+class DetectorRow : public testing::TestWithParam<detector_row> {};
+INSTANTIATE_TEST_SUITE_P(
+    Rows, DetectorRow,
+    testing::Values(detector_row{"text/html",
+                                 "",
+                                 {KV_AC_HTML_EVENTHANDLER, KV_AC_HTML_SCRIPT, KV_AC_XML_JAVASCRIPT,
+                                  KV_AC_XML_XSLT},
+                                 "Checking in html/xml content"},
+                    detector_row{"x/y",
+                                 "Composite Document File V2 Document, Microsoft Word",
+                                 {KV_AC_MSOFFICE_OLE, KV_AC_MSOFFICE_MACRO},
+                                 "Checking in CDFv2 Office Document"},
+                    detector_row{"x/y",
+                                 "Microsoft Word 2007+",
+                                 {KV_AC_MSOFFICE_JAVA, KV_AC_MSOFFICE_OLE, KV_AC_MSOFFICE_DDE,
+                                  KV_AC_MSOFFICE_MACRO},
+                                 nullptr},
+                    detector_row{
+                        "text/csv", "", {KV_AC_CSV_INJECTION}, "Checking for CSV-injection"},
+                    detector_row{"x/y", "", {}, nullptr}));
+
+TEST_P(DetectorRow, NeedsBytesOnlyForItsOwnSwitchesAndThoseOfEveryObject) {
+  for (std::size_t slot = 0; slot < KV_AC_JAVASCRIPT_SOURCE; ++slot) {
+    const auto on = static_cast<kv_ac_slot>(slot);
+    const kv_scanobject_ptr job = make_job("", {on}, GetParam().mime, GetParam().type);
+    job->data = nullptr;
+    job->object_length = 10;
+    const auto& own = GetParam().switches;
+    const bool is_own = std::find(own.begin(), own.end(), on) != own.end();
+    const trace_capture trace;
+    const outcome got = dispatch(job);
+    const bool needed = is_own || on == KV_AC_GIFAR;
+    EXPECT_EQ(got.code, needed ? -1000 : 0) << slot;
+    EXPECT_EQ(got.error, needed ? "Data length inconsistency" : "") << slot;
+    EXPECT_EQ(got.reason, "") << slot;
+    if (is_own && GetParam().log_line != nullptr) {
+      EXPECT_EQ(trace.count("DEBUG", GetParam().log_line), 1) << slot;
+    }
+  }
+}
+
+TEST_P(DetectorRow, EmptyObjectIsCleanOrNotReadable) {
+  for (std::size_t slot = 0; slot < KV_AC_JAVASCRIPT_SOURCE; ++slot) {
+    const auto on = static_cast<kv_ac_slot>(slot);
+    const kv_scanobject_ptr job = make_job("", {on}, GetParam().mime, GetParam().type);
+    const bool compound = std::strstr(GetParam().type, "Composite") != nullptr &&
+                          (on == KV_AC_MSOFFICE_OLE || on == KV_AC_MSOFFICE_MACRO);
+    EXPECT_EQ(dispatch(job).code, compound ? -100 : 0) << slot;
+  }
 }
 
 TEST(DispatchTable, FormulasAreLookedForInTextButNotInHtml) {

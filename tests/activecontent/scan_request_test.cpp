@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/kv_json.h"
+#include "common/kv_time.h"
 #include "support/scan_requests.h"
 #include "support/service_fixture.h"
 #include "support/trace_capture.h"
@@ -191,6 +192,19 @@ TEST_F(ScanRequest, ASegmentGivesTheVerdictOfAMessage) {
   }
 }
 
+TEST_F(ScanRequest, SegmentTakesPrecedenceOverTheMessagesBytes) {
+  service.answer_definition(R"([["CSV_INJECTION", 1]])");
+  const std::string table = "a,=cmd|x\nb,=cmd|y\n";
+  const int id = make_segment(table);
+  set_text(request, "shmID", hexadecimal(id));
+  const trace_capture trace;
+  EXPECT_EQ(code(parse(handle(std::string(table.size(), 'x')))), -202);
+  EXPECT_EQ(trace.count("Attaching shared memory segment ID: " + hexadecimal(id)), 1);
+  EXPECT_EQ(trace.count("Shared memory segment attached"), 1);
+  EXPECT_EQ(trace.count("Detaching shared memory"), 1);
+  EXPECT_FALSE(segment_exists(id));
+}
+
 TEST_F(ScanRequest, ALengthBeyondTheSegmentIsAFailedScan) {
   for (const std::int64_t length : {std::int64_t{5}, std::int64_t{4097}, INT64_MAX}) {
     const int id = make_segment("four");
@@ -257,6 +271,65 @@ TEST_F(ScanRequest, NegativeLengthCountsAsZero) {
   const kv_json_ptr reply = parse(handle_as_is(nullptr, 0));
   EXPECT_EQ(code(reply), 0);
   EXPECT_EQ(text(row(reply), "File-size"), "0");
+}
+
+// A script in markup, whose scan looks at the time before each tag.
+class ScriptRequest : public ScanRequest {
+ protected:
+  void SetUp() override {
+    service.answer_definition(R"([["HTML_SCRIPT", 1]])");
+    set_text(request, "MIME-type", "text/html");
+  }
+  std::string scan() { return handle("<p>x</p><script>f()</script>"); }
+};
+
+TEST_F(ScriptRequest, TimeSpentBeforeTheDetectorsCounts) {
+  const kv_ac_fetch answer = service.state()->fetch_definition;
+  service.state()->fetch_definition = [&answer](kv_amqp_config* config, const char* name,
+                                                const char* question, std::int32_t timeout_ms,
+                                                std::uint32_t retries, char* error) {
+    const std::uint64_t start = kv_current_time_ms();
+    while (kv_elapsed_time_ms(start) < 20) {
+      std::this_thread::yield();
+    }
+    return answer(config, name, question, timeout_ms, retries, error);
+  };
+  set_number(request, "SCANTIMEOUT", 10);
+  EXPECT_EQ(scan(), failed("Service side timeout"));
+}
+
+TEST_F(ScriptRequest, NoPositiveTimeOutMeansNoLimit) {
+  for (const std::int64_t timeout : {0, -1, INT32_MIN, 600'000}) {
+    set_number(request, "SCANTIMEOUT", timeout);
+    EXPECT_EQ(code(parse(scan())), -202) << timeout;
+  }
+  drop_key(request, "SCANTIMEOUT");
+  EXPECT_EQ(code(parse(scan())), -202);
+}
+
+TEST_F(ScriptRequest, PolicyKeysChangeNoVerdict) {
+  const std::string found = scan();
+  for (const char* mode : {"OFF", "RESTRICTIVE", "SVG"}) {
+    set_text(request, "HTMLDETECTION", mode);
+    EXPECT_EQ(scan(), found) << mode;
+  }
+  for (const char* key : {"CUST_ACTIVE_CONTENT", "CUST_CHECK_MIME_TYPE", "SCANEXTRACT",
+                          "SCANEXTRACT_DEPTH", "SCANEXTRACT_MAX_FILES", "SCANEXTRACT_SIZE",
+                          "SCANEXTRACT_RATIO", "SCANEXTRACT_NO_VIRUSSCAN", "SCAN_MIN_SIZE",
+                          "SCAN_MAX_SIZE", "SCANBANDWIDTH", "BLOCKHTML_IN_PDF", "Recursion"}) {
+    for (const std::int64_t value : {0, 1, -1}) {
+      set_number(request, key, value);
+      EXPECT_EQ(scan(), found) << key << value;
+    }
+  }
+  for (const char* key :
+       {"BLOCKEXTENSIONS", "SCANEXTENSIONS", "BLOCKMIMETYPES", "SCANMIMETYPES", "Services"}) {
+    set_text(request, key, "nothing");
+    EXPECT_EQ(scan(), found) << key;
+  }
+  set_text(request, "BLOCKEXTENSIONS", "*");
+  set_text(request, "MIME-type", "text/plain");
+  EXPECT_EQ(code(parse(scan())), 0);
 }
 
 TEST_F(ScanRequest, ReplyIsLoggedAndEarlierTextReplaced) {
