@@ -241,6 +241,30 @@ TEST_F(ScanRequest, RowsOfChildrenStandInTheReply) {
   EXPECT_NE(reply.find("\"in/report.bin/data-url-2\""), std::string::npos) << reply;
 }
 
+bool went_by_message = false;
+json_object* note_the_way(kv_amqp_config*, const char*, kv_const_request_reply_t* pair,
+                          std::int32_t, std::int32_t, std::uint32_t, char*) {
+  went_by_message = pair->request->data != nullptr;
+  return json_tokener_parse(R"({"ReturnCode":0})");
+}
+
+TEST_F(ScanRequest, ThreadsFlagDecidesHowChildrenTravel) {
+  service.answer_definition(R"([["HTML_SCRIPT", 1]])");
+  service.state()->recursive_scan->ask = note_the_way;
+  set_text(request, "MIME-type", "text/html");
+  set_text(request, "Services", "kv-av-first");
+  for (const char* key :
+       {"Hostname", "Scan-Servers", "XML_MODE", "SVG_MODE", "EVENT_ID_DELIMITER"}) {
+    set_text(request, key, "x");
+  }
+  for (const bool by_segment : {true, false, true}) {
+    service.local.flag = by_segment ? 1 : 0;
+    went_by_message = by_segment;
+    const std::string reply = handle("<p srcdoc='one'>");
+    EXPECT_EQ(went_by_message, !by_segment) << reply;
+  }
+}
+
 TEST_F(ScanRequest, WithoutASegmentNothingIsAttached) {
   const trace_capture trace;
   EXPECT_EQ(code(parse(handle("x"))), 0);
