@@ -44,6 +44,22 @@ class s_call {
 
 // ---- client side ----
 
+// Announces a request's reply while the request is under way.
+class s_expectation {
+ public:
+  s_expectation(qpid_receiver& receiver, const proton::message_id& id)
+      : receiver_(receiver), id_(id) {
+    receiver_.expect(id_);
+  }
+  s_expectation(const s_expectation&) = delete;
+  s_expectation& operator=(const s_expectation&) = delete;
+  ~s_expectation() { receiver_.forget(id_); }
+
+ private:
+  qpid_receiver& receiver_;
+  const proton::message_id& id_;
+};
+
 struct s_request {
   const char* service;
   kv_ms timeout;
@@ -117,6 +133,7 @@ void s_send_receive(kv_qpid_transport& transport, const s_request& request, kv_m
 
   const proton::message_id id = kv_new_message_id();
   kv_outgoing outgoing = s_build_request(request, id, transport.reply_queue);
+  const s_expectation expectation(receiver, id);
   const auto patience = request.timeout + request.extra_time;
   outgoing.deadline = start + (request.timeout > kv_ms{0} ? request.timeout : patience);
   sender.send(std::move(outgoing));

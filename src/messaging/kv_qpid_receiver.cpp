@@ -19,6 +19,10 @@ namespace {
 // message cost more than the message.
 constexpr std::uint32_t kCreditPortions = 5;
 
+// Which part of the credit replies may hold that nobody has asked for, or no longer: duplicates,
+// late ones, foreign ones.
+constexpr std::uint32_t kUnclaimedShare = 2;
+
 // How often an idle thread looks at its stop flag without being woken.
 constexpr kv_ms kStopPoll{1000};
 
@@ -89,6 +93,16 @@ std::optional<kv_received_message> qpid_receiver::receive(const std::atomic<std:
     }
   }
   return request;
+}
+
+void qpid_receiver::expect(const proton::message_id& id) {
+  const std::lock_guard lock(mutex_);
+  expected_.insert(kv_message_id_key(id));
+}
+
+void qpid_receiver::forget(const proton::message_id& id) {
+  const std::lock_guard lock(mutex_);
+  expected_.erase(kv_message_id_key(id));
 }
 
 kv_received_message qpid_receiver::receive(kv_ms timeout, const proton::message_id& id) {
@@ -286,12 +300,18 @@ kv_received_message qpid_receiver::read(const proton::message& message) const {
 void qpid_receiver::keep_reply(proton::delivery& delivery, kv_received_message&& message) {
   KV_LOG_DEBUG("Received reply with correlation_id: '%s'", proton::to_string(message.id).c_str());
   delivery.accept();
-  const std::lock_guard lock(mutex_);
-  const auto waiting = waiters_.find(message.key);
-  replies_.add(std::move(message));
-  if (waiting != waiters_.end()) {
-    waiting->second->arrived.notify_one();
+  std::uint32_t credits = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto waiting = waiters_.find(message.key);
+    replies_.add(std::move(message));
+    if (waiting != waiters_.end()) {
+      waiting->second->arrived.notify_one();
+    }
+    replies_.drop_unclaimed(expected_, state_.options().credit / kUnclaimedShare,
+                            state_.generation.load(), credits);
   }
+  owe_credit(credits);
 }
 
 void qpid_receiver::keep_request(proton::delivery& delivery, kv_received_message&& message) {

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "messaging/kv_qpid_replies.h"
 #include "messaging/kv_qpid_sender.h"
@@ -36,8 +37,11 @@ class qpid_receiver : public proton::messaging_handler {
   [[nodiscard]] std::uint32_t credit() const { return credit_seen_.load(); }
   // The next request, or nothing once *stop is non-zero or the receiver is closed.
   [[nodiscard]] std::optional<kv_received_message> receive(const std::atomic<std::int32_t>& stop);
-  // The reply to a request of this process. Throws std::runtime_error: "Timeout", "receiver
-  // closed".
+  // Announces, before it is sent, a request whose reply will be received; forget ends that. Of
+  // replies that nobody has announced only a few are kept.
+  void expect(const proton::message_id& id);
+  void forget(const proton::message_id& id);
+  // The reply to an announced request. Throws std::runtime_error: "Timeout", "receiver closed".
   [[nodiscard]] kv_received_message receive(kv_ms timeout, const proton::message_id& id);
   // Takes no more messages; whoever waits is woken.
   void close();
@@ -108,5 +112,6 @@ class qpid_receiver : public proton::messaging_handler {
   bool done_ = false;                  // after closed: nothing of it is left
   std::deque<kv_received_message> requests_;
   kv_reply_buffer replies_;
+  std::unordered_set<std::string> expected_;          // keys of the announced requests
   std::unordered_map<std::string, waiter*> waiters_;  // by the key of the request's id
 };

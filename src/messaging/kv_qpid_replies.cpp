@@ -68,6 +68,23 @@ std::optional<kv_received_message> kv_reply_buffer::match_reply(const std::strin
   return reply;
 }
 
+void kv_reply_buffer::drop_unclaimed(const std::unordered_set<std::string>& expected,
+                                     std::size_t limit, std::uint64_t generation,
+                                     std::uint32_t& credits) {
+  const auto is_unclaimed = [&](const kv_received_message& reply) {
+    return !expected.contains(reply.key);
+  };
+  auto unclaimed = static_cast<std::size_t>(std::ranges::count_if(buffer_, is_unclaimed));
+  for (; unclaimed > limit; --unclaimed) {
+    const auto oldest = std::ranges::find_if(buffer_, is_unclaimed);
+    KV_LOG_INFO("Removing unclaimed reply with correlation_id '%s'",
+                proton::to_string(oldest->id).c_str());
+    expired_.erase(oldest->key);
+    credits += oldest->generation == generation ? 1 : 0;
+    buffer_.erase(oldest);
+  }
+}
+
 std::size_t kv_reply_buffer::add_expired(const std::string& key) {
   expired_.insert(key);
   return expired_.size();

@@ -50,6 +50,12 @@ class kv_reply_buffer {
                                                                std::uint64_t generation,
                                                                std::uint32_t& credits);
 
+  // Drops the oldest replies whose key is not among the expected ones until no more than limit of
+  // them are left: what nobody asked for must not hold the credit that the others need. Adds to
+  // credits as match_reply does.
+  void drop_unclaimed(const std::unordered_set<std::string>& expected, std::size_t limit,
+                      std::uint64_t generation, std::uint32_t& credits);
+
   // Notes that the requester of an id stopped waiting. Returns the number of ids noted.
   std::size_t add_expired(const std::string& key);
   [[nodiscard]] std::size_t expired_size() const { return expired_.size(); }

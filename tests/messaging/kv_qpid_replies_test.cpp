@@ -131,6 +131,32 @@ TEST_F(MatchReply, GivesNoCreditForWhatCameOnALostConnection) {
   EXPECT_EQ(credits, 0U);
 }
 
+TEST_F(MatchReply, KeepsExpectedRepliesAndTheNewestOfTheUnclaimedOnes) {
+  const trace_capture trace;
+  buffer.add_expired(key_of("late"));
+  for (const char* id : {"late", "wanted", "", "twice", "twice", "newest"}) {
+    buffer.add(reply(id));
+  }
+  buffer.drop_unclaimed({key_of("wanted")}, 5, kConnection, credits);
+  EXPECT_EQ(buffer.size(), 6U);
+  buffer.drop_unclaimed({key_of("wanted")}, 2, kConnection, credits);
+  EXPECT_EQ(credits, 3U);
+  EXPECT_EQ(buffer.expired_size(), 0U);
+  EXPECT_EQ(trace.count("INFO", "Removing unclaimed reply with correlation_id 'late'"), 1);
+  EXPECT_EQ(match("wanted"), "wanted");
+  EXPECT_EQ(match("twice"), "twice");
+  EXPECT_EQ(match("twice"), "");
+  EXPECT_EQ(match("newest"), "newest");
+  EXPECT_TRUE(buffer.empty());
+}
+
+TEST_F(MatchReply, AnUnclaimedReplyOfALostConnectionGivesNoCredit) {
+  buffer.add(reply("old", kNow, kConnection - 1));
+  buffer.drop_unclaimed({}, 0, kConnection, credits);
+  EXPECT_TRUE(buffer.empty());
+  EXPECT_EQ(credits, 0U);
+}
+
 TEST_F(MatchReply, TheExpiredListHasNoLimitAndNoDoubles) {
   for (int i = 0; i < 10'000; ++i) {
     buffer.add_expired(key_of(std::to_string(i)));
