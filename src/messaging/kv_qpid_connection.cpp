@@ -30,14 +30,9 @@ struct s_connection : proton::connection {
   [[nodiscard]] pn_connection_t* get() const { return pn_object(); }
 };
 
-const char* s_text(const char* text) {
-  return text != nullptr ? text : "";
-}
-
-std::string s_address(const kv_amqp_config& config) {
-  const std::string host = s_text(config.broker_host);
-  const bool is_ipv6 = host.find(':') != std::string::npos && host.front() != '[';
-  return (is_ipv6 ? "[" + host + "]" : host) + ":" + s_text(config.broker_port);
+std::string s_address(const kv_qpid_extra_params& params) {
+  const bool is_ipv6 = params.host.find(':') != std::string::npos && params.host.front() != '[';
+  return (is_ipv6 ? "[" + params.host + "]" : params.host) + ":" + params.port;
 }
 
 proton::duration s_duration(kv_ms time) {
@@ -170,23 +165,23 @@ bool qpid_connection::stop(kv_clock::time_point deadline) {
 // ---- making the connection ----
 
 proton::connection_options qpid_connection::connection_options() {
-  const kv_amqp_config& config = *state_.params.config;
+  const kv_qpid_extra_params& params = state_.params;
   proton::connection_options options;
   options.handler(*this)
       .idle_timeout(s_duration(state_.options().idle_timeout))
-      .user(s_text(config.broker_user))
-      .password(s_text(config.broker_password))
+      .user(params.user)
+      .password(params.password)
       .sasl_allowed_mechs("PLAIN");
-  if (config.plain_tcp != 0) {
+  if (params.plain_tcp) {
     options.sasl_allow_insecure_mechs(true);
     if (!warned_plain_) {
       KV_LOG_WARN("The connection to the broker is not encrypted: the password travels in clear");
       warned_plain_ = true;
     }
-  } else if (config.cert_path != nullptr && *config.cert_path != '\0') {
-    s_check_certificates(config.cert_path);
+  } else if (!params.cert_path.empty()) {
+    s_check_certificates(params.cert_path);
     options.ssl_client_options(
-        proton::ssl_client_options(config.cert_path, proton::ssl::VERIFY_PEER_NAME));
+        proton::ssl_client_options(params.cert_path, proton::ssl::VERIFY_PEER_NAME));
   } else {  // the system's trust store
     options.ssl_client_options(proton::ssl_client_options(proton::ssl::VERIFY_PEER_NAME));
   }
@@ -202,7 +197,7 @@ void qpid_connection::connect() {
   established_ = false;
   KV_LOG_DEBUG("Creating qpid-proton sender");
   const bool begun = kv_barrier("kv_qpid_create_sender", [&] {
-    connection_ = container_->connect(s_address(*state_.params.config), connection_options());
+    connection_ = container_->connect(s_address(state_.params), connection_options());
   });
   if (!begun) {  // no such certificate file, an address that cannot be read
     retry();

@@ -155,6 +155,17 @@ void s_log_failure(const char* text, char* error_text) {
 
 // ---- start and end ----
 
+kv_qpid_extra_params s_params(const kv_amqp_config& config, const kv_qpid_options& options) {
+  const auto text = [](const char* value) { return std::string(value != nullptr ? value : ""); };
+  return {.host = text(config.broker_host),
+          .port = text(config.broker_port),
+          .user = text(config.broker_user),
+          .password = text(config.broker_password),
+          .cert_path = text(config.cert_path),
+          .plain_tcp = config.plain_tcp != 0,
+          .options = options};
+}
+
 void s_wait_for_calls(kv_qpid_transport& transport, kv_clock::time_point deadline) {
   std::unique_lock lock(transport.calls_mutex);
   transport.calls_changed.wait_until(lock, deadline, [&] { return transport.calls == 0; });
@@ -220,8 +231,7 @@ int kv_qpid_init_with(kv_amqp_config* config, const kv_qpid_options& options) {
     return -1;
   }
   try {
-    auto transport = std::make_shared<kv_qpid_transport>(
-        kv_qpid_extra_params{.config = config, .options = options});
+    const auto transport = std::make_shared<kv_qpid_transport>(s_params(*config, options));
     transport->reply_queue = s_reply_queue_name();
     transport->container_thread.start([transport] { transport->connection.run(); });
     if (!transport->connection.start()) {

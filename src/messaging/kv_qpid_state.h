@@ -5,7 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "messaging/kv_amqp_client.h"
 
@@ -28,14 +30,20 @@ struct kv_qpid_options {
   kv_ms tick{100};                   // longest single timer: a pending one holds up the end
 };
 
-// What the container thread is handed.
+// What the container thread is handed: copies, for a thread that is left behind at the end must not
+// reach into a configuration that is no more.
 struct kv_qpid_extra_params {
-  kv_amqp_config* config = nullptr;  // the caller's; outlives the transport
+  std::string host;
+  std::string port;
+  std::string user;
+  std::string password;
+  std::string cert_path;  // empty: the system's trust store
+  bool plain_tcp = false;
   kv_qpid_options options;
 };
 
 struct kv_qpid_state {
-  explicit kv_qpid_state(kv_qpid_extra_params values) : params(values) {}
+  explicit kv_qpid_state(kv_qpid_extra_params values) : params(std::move(values)) {}
 
   const kv_qpid_extra_params params;
   // Number of the present connection. What belongs to an earlier one is dead: its requests come

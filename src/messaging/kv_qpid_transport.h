@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "messaging/kv_qpid_connection.h"
 #include "messaging/kv_qpid_proton_mt_interface.h"
@@ -16,7 +17,7 @@
 
 struct kv_qpid_transport : std::enable_shared_from_this<kv_qpid_transport> {
   explicit kv_qpid_transport(kv_qpid_extra_params params)
-      : state(params), connection(state, receivers) {}
+      : state(std::move(params)), connection(state, receivers) {}
 
   kv_qpid_state state;
   kv_qpid_receivers receivers;
