@@ -146,8 +146,10 @@ void s_send_receive(kv_qpid_transport& transport, const s_request& request, kv_m
   s_take_reply(std::move(received), reply);
 }
 
+// A request that ends with the process is given up, which is no error.
 void s_log_failure(const char* text, char* error_text) {
-  KV_LOG_AS(KV_LOG_LEVEL_ERROR, "kv_qpid_send_receive_mt", "%s", text);
+  const int level = kv_amqp_stop_requested() ? KV_LOG_LEVEL_DEBUG : KV_LOG_LEVEL_ERROR;
+  KV_LOG_AS(level, "kv_qpid_send_receive_mt", "%s", text);
   if (error_text != nullptr) {
     std::snprintf(error_text, KV_ERROR_TEXT_SIZE, "%s", text);
   }

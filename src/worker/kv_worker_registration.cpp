@@ -70,6 +70,9 @@ void kv_worker_register(const kv_worker_config_t& config, const kv_worker_identi
       return;
     }
     kv_worker_report_signal();
+    if (kv_is_killed()) {
+      return;  // given up, which is no failure
+    }
     error_text = std::string(KV_SERVICE_TITLE) + ": Failed to register worker with control";
     s_report_failure(which, __func__);
     // A request that fails at once, as without a connection, must not turn this into a busy loop.

@@ -53,6 +53,8 @@ def test_while_registering_again_with_the_control_service_gone(broker, make_cont
     control.wait_for(200, 2)
     leaves_its_loop(worker)
     ended_in_order(worker)
+    # Given up in order: no failure that the shutdown event would tell of.
+    assert worker.lines("Failed to re-register") == []
 
 
 def test_while_idle_it_ends_at_once_and_without_an_error(suite, make_worker):

@@ -104,6 +104,7 @@ TEST_F(registration, the_end_of_the_process_ends_it) {
   EXPECT_EQ(fake_transport().requests.size(), 1U);
   kv_worker_register(*config, identity, kv_registration::repeated, error_text);
   EXPECT_EQ(fake_transport().requests.size(), 1U);
+  EXPECT_EQ(error_text, "");  // given up, not failed
 }
 
 TEST_F(registration, ready_needs_return_code_zero) {
