@@ -456,7 +456,7 @@ int kv_pqueue_unlock(kv_pqueue_t* queue) {
     return -1;
   }
   if (queue->lock_fd < 0) {
-    pthread_mutex_unlock(&queue->mutex);
+    // The mutex is held only together with the descriptor, so there is nothing to release.
     KV_LOG_TRACE("queue %s", "unlock FAILED");
     return -1;
   }

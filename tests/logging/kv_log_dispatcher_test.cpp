@@ -146,6 +146,7 @@ TEST_F(dispatcher, RemovesAnEmptyEntryWithoutSendingIt) {
   std::ofstream(data() + "/Lempty").flush();
   start();
   EXPECT_TRUE(wait_until_empty());
+  const std::lock_guard lock(broker_.mutex);
   EXPECT_EQ(broker_.requests.size(), 1u);
   EXPECT_EQ(trace.count("WARN", "Empty data, removing it from the queue"), 1);
 }
