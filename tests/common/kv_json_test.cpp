@@ -56,6 +56,18 @@ TEST(JsonParse, CutAtAnyByteIsRefused) {
   EXPECT_NE(parse(text), nullptr);
 }
 
+TEST(JsonParse, NothingOfOneTextIsLeftForTheNext) {
+  const std::string long_text = "\"" + std::string(200'000, 'x');
+  for (const std::string& text : {std::string(R"({"a":)"), std::string("[1,2"),
+                                  std::string("\"abc"), std::string("{\"a\" 1}"), std::string("1"),
+                                  std::string("null"), nested(100), long_text, long_text + "\""}) {
+    static_cast<void>(parse(text));
+    const kv_json_ptr next = parse(R"({"b":2})");
+    ASSERT_NE(next, nullptr) << text.substr(0, 20);
+    EXPECT_STREQ(json_object_to_json_string_ext(next.get(), KV_JSON_COMPACT), R"({"b":2})");
+  }
+}
+
 TEST(JsonParse, NestingEndsAtTheLimit) {
   EXPECT_NE(parse(nested(KV_JSON_MAX_DEPTH - 1)), nullptr);
   EXPECT_EQ(parse(nested(KV_JSON_MAX_DEPTH + 1)), nullptr);
