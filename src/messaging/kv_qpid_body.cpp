@@ -5,6 +5,8 @@
 #include <proton/codec/decoder.hpp>
 #include <proton/uuid.hpp>
 
+#include <algorithm>
+#include <array>
 #include <limits>
 #include <stdexcept>
 
@@ -118,6 +120,18 @@ void s_put_string(std::vector<char>& bytes, std::string_view text) {
   bytes.insert(bytes.end(), text.begin(), text.end());
 }
 
+// Fetched for many ids at once: each fetch is a system call. No byte is given out twice.
+void s_random_bytes(std::uint8_t* out, std::size_t count) {
+  thread_local std::array<std::uint8_t, 1024> pool;
+  thread_local std::size_t left = 0;
+  if (left < count) {
+    randombytes_buf(pool.data(), pool.size());
+    left = pool.size();
+  }
+  left -= count;
+  std::copy_n(pool.data() + left, count, out);
+}
+
 }  // namespace
 
 kv_body_error kv_body_decode(const proton::value& body, kv_body& out) {
@@ -198,7 +212,7 @@ std::string kv_message_id_key(const proton::message_id& id) {
 
 proton::message_id kv_new_message_id() {
   proton::uuid uuid;
-  randombytes_buf(uuid.begin(), uuid.size());
+  s_random_bytes(uuid.begin(), uuid.size());
   // Version 4, variant 1 (RFC 4122, section 4.4).
   uuid[6] = static_cast<std::uint8_t>((uuid[6] & 0x0F) | 0x40);
   uuid[8] = static_cast<std::uint8_t>((uuid[8] & 0x3F) | 0x80);
