@@ -23,9 +23,6 @@ constexpr std::uint32_t kCreditPortions = 5;
 // late ones, foreign ones.
 constexpr std::uint32_t kUnclaimedShare = 2;
 
-// How often an idle thread looks at its stop flag without being woken.
-constexpr kv_ms kStopPoll{1000};
-
 void s_settle(proton::delivery& delivery, kv_outcome outcome) {
   switch (outcome) {
     case kv_outcome::accepted:
@@ -69,30 +66,16 @@ void qpid_receiver::owe_credit(std::uint32_t count) {
 }
 
 std::optional<kv_received_message> qpid_receiver::receive(const std::atomic<std::int32_t>& stop) {
-  std::optional<kv_received_message> request;
-  while (!request) {
-    std::unique_lock lock(mutex_);
-    requested_.wait_for(lock, kStopPoll, [&] {
-      return closed_ || !requests_.empty() || stop.load(std::memory_order_relaxed) != 0;
-    });
-    if (closed_ || stop.load(std::memory_order_relaxed) != 0) {
-      return std::nullopt;
-    }
-    if (requests_.empty()) {
-      continue;
-    }
-    request = std::move(requests_.front());
-    requests_.pop_front();
-    lock.unlock();
+  while (auto request = requests_.take(stop)) {
     owe_credit(1);
-    if (request->expiry < kv_clock::now()) {
-      KV_LOG_INFO("Request with msg.id '%s' has outlived its time-to-live, accepting it unhandled",
-                  proton::to_string(request->id).c_str());
-      sender_.settle({this, request->sequence, request->generation}, kv_outcome::accepted);
-      request.reset();
+    if (request->expiry >= kv_clock::now()) {
+      return request;
     }
+    KV_LOG_INFO("Request with msg.id '%s' has outlived its time-to-live, accepting it unhandled",
+                proton::to_string(request->id).c_str());
+    sender_.settle({this, request->sequence, request->generation}, kv_outcome::accepted);
   }
-  return request;
+  return std::nullopt;
 }
 
 void qpid_receiver::expect(const proton::message_id& id) {
@@ -163,11 +146,11 @@ void qpid_receiver::close() {
     const std::lock_guard lock(mutex_);
     closed_ = true;
     done_ = done_ || !linked_;
-    requested_.notify_all();
     for (const auto& [key, waiting] : waiters_) {
       waiting->arrived.notify_one();
     }
   }
+  requests_.close();
   KV_LOG_DEBUG("Receiver close requested");
   sender_.post();
 }
@@ -230,9 +213,8 @@ void qpid_receiver::lost() {
   stop_begun_ = false;
   owed_credit_ = 0;
   credit_seen_ = 0;
-  std::deque<kv_received_message> dropped;
+  static_cast<void>(requests_.take_all());
   const std::lock_guard lock(mutex_);
-  requests_.swap(dropped);
   linked_ = false;
   done_ = closed_;
   stopped_.notify_all();
@@ -254,12 +236,7 @@ void qpid_receiver::begin_stop() {
 }
 
 void qpid_receiver::release_buffered() {
-  std::deque<kv_received_message> buffered;
-  {
-    const std::lock_guard lock(mutex_);
-    buffered.swap(requests_);
-  }
-  for (const kv_received_message& request : buffered) {
+  for (const kv_received_message& request : requests_.take_all()) {
     settle(request.sequence, kv_outcome::released);
   }
   finish_stop_when_empty();
@@ -318,11 +295,7 @@ void qpid_receiver::keep_request(proton::delivery& delivery, kv_received_message
   KV_LOG_DEBUG("Received request with id: '%s'", proton::to_string(message.id).c_str());
   message.sequence = ++next_sequence_;
   open_.emplace(message.sequence, delivery);
-  {
-    const std::lock_guard lock(mutex_);
-    requests_.push_back(std::move(message));
-  }
-  requested_.notify_one();
+  requests_.push(std::move(message));
 }
 
 void qpid_receiver::on_connection_open(proton::connection& connection) {

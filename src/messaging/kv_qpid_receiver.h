@@ -12,7 +12,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -20,6 +19,7 @@
 #include <unordered_set>
 
 #include "messaging/kv_qpid_replies.h"
+#include "messaging/kv_qpid_requests.h"
 #include "messaging/kv_qpid_sender.h"
 #include "messaging/kv_qpid_state.h"
 
@@ -80,7 +80,6 @@ class qpid_receiver : public proton::messaging_handler {
   [[nodiscard]] kv_received_message wait_for_reply(std::unique_lock<std::mutex>& lock, waiter& own,
                                                    kv_ms timeout, const proton::message_id& id,
                                                    const std::string& key);
-  [[nodiscard]] std::optional<kv_received_message> take_request();
   void owe_credit(std::uint32_t count);
   void begin_stop();
   void release_buffered();
@@ -99,18 +98,17 @@ class qpid_receiver : public proton::messaging_handler {
   bool stop_begun_ = false;
   bool drained_ = false;  // nothing more will come
 
+  kv_request_queue requests_;                  // of a service's address
   std::atomic<bool> ever_opened_{false};       // the link has been open
   std::atomic<std::uint32_t> owed_credit_{0};  // taken out of the buffer, not yet given back
   std::atomic<std::uint32_t> credit_seen_{0};  // of the link, as last known
 
   // Shared, under the mutex.
   std::mutex mutex_;
-  std::condition_variable requested_;  // requests, closed
-  std::condition_variable stopped_;    // done
-  bool linked_ = false;                // a link exists
-  bool closed_ = false;                // take nothing more
-  bool done_ = false;                  // after closed: nothing of it is left
-  std::deque<kv_received_message> requests_;
+  std::condition_variable stopped_;  // done
+  bool linked_ = false;              // a link exists
+  bool closed_ = false;              // take nothing more
+  bool done_ = false;                // after closed: nothing of it is left
   kv_reply_buffer replies_;
   std::unordered_set<std::string> expected_;          // keys of the announced requests
   std::unordered_map<std::string, waiter*> waiters_;  // by the key of the request's id
