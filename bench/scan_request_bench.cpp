@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "bare_reply.h"
 #include "common/kv_json.h"
 #include "support/scan_requests.h"
 #include "support/service_fixture.h"
@@ -30,31 +31,11 @@ kv_json_ptr s_parse(const std::string& text) {
   return kv_json_parse(text, __func__, "bench", __LINE__);
 }
 
-char* s_bare_reply() {
-  const kv_json_ptr reply{json_object_new_object()};
-  json_object* const row = json_object_new_object();
-  json_object_object_add(row, "ReturnCode", json_object_new_int(0));
-  json_object_object_add(row, "File-name", json_object_new_string("in/report.bin"));
-  json_object_object_add(row, "File-size", json_object_new_uint64(0));
-  for (const char* key : {"MIME-type", "MIME-encoding", "File-type", "Extension"}) {
-    json_object_object_add(row, key, json_object_new_string(""));
-  }
-  json_object_object_add(row, "Object-type", json_object_new_int(-1));
-  json_object_object_add(row, "Virusname", json_object_new_string(" "));
-  json_object* const rows = json_object_new_array();
-  json_object_array_add(rows, row);
-  json_object_object_add(reply.get(), "ReturnCode", json_object_new_int(0));
-  json_object_object_add(reply.get(), "Blocking-reason", json_object_new_string(""));
-  json_object_object_add(reply.get(), "FilesScanned", json_object_new_int(1));
-  json_object_object_add(reply.get(), "Results", rows);
-  return kv_json_print(reply.get(), KV_JSON_PRETTY_PLAIN_SLASH).release();
-}
-
 void bare_json(benchmark::State& state) {
   const std::string text = s_request_text();
   for (auto _ : state) {
     const kv_json_ptr request = s_parse(text);
-    const kv_text_ptr reply{s_bare_reply()};
+    const kv_text_ptr reply{bare_scan_reply()};
     benchmark::DoNotOptimize(reply.get());
   }
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));

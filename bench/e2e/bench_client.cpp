@@ -1,6 +1,8 @@
 // The asking side of the end-to-end benchmark: keeps a number of requests in flight for some
 // seconds, after a quarter of that time to warm up, and prints one JSON line.
-// Usage: kv_bench_client PORT QUEUE BYTES IN_FLIGHT SECONDS [CA]
+// Usage: kv_bench_client PORT QUEUE REQUEST BYTES IN_FLIGHT SECONDS [CA]
+// REQUEST is "least", a JSON text of 14 bytes, or "scan", a scan request of 2 KB with every key for
+// an object that no detector looks at. The first reply must say "ReturnCode" 0.
 #include <unistd.h>
 
 #include <proton/connection.hpp>
@@ -16,25 +18,60 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "bench_peer.h"
+#include "common/kv_json.h"
 #include "messaging/kv_qpid_body.h"
+#include "scan_request.h"
 
 namespace {
 
 using bench_clock = std::chrono::steady_clock;
+
+// Lists of a usual length make it 2 KB.
+std::string s_scan_request(std::size_t bytes) {
+  kv_scan::object_description object;
+  object.name = "in/report.bin";
+  object.size = bytes;
+  object.mime = "application/octet-stream";
+  object.type = "data";
+  object.extension = ".bin";
+  const kv_json_ptr request = kv_scan::make_request(object, {}, kv_scan::make_event_id());
+  std::string list;
+  while (list.size() < 450) {
+    list += "application/x-type-" + std::to_string(list.size()) + ";";
+  }
+  for (const char* key : {"SCANMIMETYPES", "BLOCKMIMETYPES"}) {
+    json_object_object_add(request.get(), key, json_object_new_string(list.c_str()));
+  }
+  return json_object_to_json_string_ext(request.get(), JSON_C_TO_STRING_SPACED);
+}
+
+bool s_clean(const proton::message& reply) {
+  kv_body body;
+  if (kv_body_decode(reply.body(), body) != kv_body_error::none) {
+    return false;
+  }
+  std::int32_t code = -1;
+  const kv_json_ptr parsed = kv_json_parse(body.json, __func__, "bench", __LINE__);
+  return kv_json_get_int(parsed.get(), "ReturnCode", code) && code == 0;
+}
 
 class client : public proton::messaging_handler {
  public:
   explicit client(char** arguments)
       : port_(arguments[1]),
         queue_(arguments[2]),
-        data_(std::strtoul(arguments[3], nullptr, 10), 'd'),
-        in_flight_(std::atoi(arguments[4])),
+        data_(std::strtoul(arguments[4], nullptr, 10), 'd'),
+        json_(std::string_view(arguments[3]) == "scan" ? s_scan_request(data_.size())
+                                                       : R"({"Command": 0})"),
+        in_flight_(std::atoi(arguments[5])),
         length_(std::chrono::duration_cast<bench_clock::duration>(
-            std::chrono::duration<double>(std::atof(arguments[5])))),
-        ca_file_(arguments[6] != nullptr ? arguments[6] : ""),
+            std::chrono::duration<double>(std::atof(arguments[6])))),
+        ca_file_(arguments[7] != nullptr ? arguments[7] : ""),
         replies_("bench-replies-" + std::to_string(getpid())) {}
 
   int report() {
@@ -78,7 +115,7 @@ class client : public proton::messaging_handler {
     request.to(queue_);
     request.reply_to(replies_);
     sent_[next_id_] = bench_clock::now();
-    link_.send(kv_encode_message(request, R"({"Command": 0})", data_));
+    link_.send(kv_encode_message(request, json_, data_));
   }
   void on_message(proton::delivery& delivery, proton::message& reply) override {
     const auto now = bench_clock::now();
@@ -86,7 +123,10 @@ class client : public proton::messaging_handler {
     if (sent == sent_.end()) {
       return;
     }
-    ++answered_;
+    if (answered_++ == 0 && !s_clean(reply)) {
+      std::fprintf(stderr, "the service does not answer with code 0\n");
+      std::exit(1);
+    }
     if (sent->second >= measured_from_) {
       latencies_.push_back(std::chrono::duration<double, std::micro>(now - sent->second).count());
       last_ = now;
@@ -102,6 +142,7 @@ class client : public proton::messaging_handler {
   std::string port_;
   std::string queue_;
   std::string data_;
+  std::string json_;
   int in_flight_;
   bench_clock::duration length_;
   std::string ca_file_;
@@ -120,8 +161,8 @@ class client : public proton::messaging_handler {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 6) {
-    std::fprintf(stderr, "usage: %s PORT QUEUE BYTES IN_FLIGHT SECONDS [CA]\n", argv[0]);
+  if (argc < 7) {
+    std::fprintf(stderr, "usage: %s PORT QUEUE least|scan BYTES IN_FLIGHT SECONDS [CA]\n", argv[0]);
     return 2;
   }
   client asking(argv);

@@ -44,6 +44,8 @@ int main(int argc, char** argv) {
                                             kThreads) != 0) {
     return 1;
   }
+  std::puts("ready");
+  std::fflush(stdout);
   int signal_number = 0;
   sigwait(&ending, &signal_number);
   stop = 1;
