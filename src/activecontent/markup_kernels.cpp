@@ -185,16 +185,6 @@ constexpr kv_markup_kernels kAvx2{s_candidates_avx2, s_structure_avx2};
 
 }  // namespace
 
-kv_simd_level kv_best_simd_level() {
-  static const kv_simd_level level = [] {
-    if (__builtin_cpu_supports("avx2")) {
-      return kv_simd_level::avx2;
-    }
-    return __builtin_cpu_supports("ssse3") ? kv_simd_level::ssse3 : kv_simd_level::scalar;
-  }();
-  return level;
-}
-
 const kv_markup_kernels& kv_kernels_of(kv_simd_level level) {
   switch (level) {
     case kv_simd_level::avx2:

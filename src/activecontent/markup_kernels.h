@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-enum class kv_simd_level : std::uint8_t { scalar, ssse3, avx2 };
+#include "activecontent/kv_simd_level.h"
 
 // Bytes behind the last word that a classifier may read.
 inline constexpr std::size_t KV_KERNEL_MARGIN = 32;
@@ -19,6 +19,4 @@ struct kv_markup_kernels {
                     std::uint64_t* events);
 };
 
-// The fastest level of this processor.
-[[nodiscard]] kv_simd_level kv_best_simd_level();
 [[nodiscard]] const kv_markup_kernels& kv_kernels_of(kv_simd_level level);

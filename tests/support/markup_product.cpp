@@ -57,16 +57,6 @@ markup_outcome markup_product_scan(const markup_reference_job& job, std::string_
   return out;
 }
 
-std::vector<kv_simd_level> available_simd_levels() {
-  std::vector<kv_simd_level> levels;
-  for (const auto level : {kv_simd_level::scalar, kv_simd_level::ssse3, kv_simd_level::avx2}) {
-    if (level <= kv_best_simd_level()) {
-      levels.push_back(level);
-    }
-  }
-  return levels;
-}
-
 kv_markup_environment markup_environment_at(kv_simd_level level) {
   kv_markup_environment environment = kv_markup_default_environment();
   environment.level = level;

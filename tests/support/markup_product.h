@@ -6,6 +6,7 @@
 
 #include "activecontent/kvactivecontent_html_internal.h"
 #include "support/markup_reference.h"
+#include "support/simd_levels.h"
 
 // A scan job over the bytes as the reference's job describes it. The bytes are borrowed.
 [[nodiscard]] kv_scanobject_ptr make_markup_job(const markup_reference_job& job,
@@ -16,6 +17,4 @@
     const kv_markup_environment& environment = kv_markup_default_environment(),
     std::int64_t time_left_ms = KV_NO_TIME_LIMIT);
 
-// The levels that this processor has.
-[[nodiscard]] std::vector<kv_simd_level> available_simd_levels();
 [[nodiscard]] kv_markup_environment markup_environment_at(kv_simd_level level);
