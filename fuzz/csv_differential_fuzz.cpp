@@ -1,4 +1,4 @@
-// The fast check for formula injection must say what the literal one says.
+// The fast check for formula injection must say what the literal one says, at every vector level.
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -6,8 +6,10 @@
 
 #include "activecontent/kvactivecontent_csv.h"
 #include "activecontent/kvactivecontent_detectors.h"
+#include "support/csv_product.h"
 #include "support/csv_reference.h"
 #include "support/job_builder.h"
+#include "support/simd_levels.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view bytes{reinterpret_cast<const char*>(data), size};
@@ -19,6 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (code != expected.code || expected.reason != reason.data() ||
       s_CountDelimiters(data, size, ',') != csv_reference_count_delimiters(bytes, ',')) {
     std::abort();
+  }
+  for (const kv_simd_level level : available_simd_levels()) {
+    const csv_reference_result at_level = csv_product_check(bytes, level);
+    if (at_level.code != expected.code || at_level.reason != expected.reason) {
+      std::abort();
+    }
   }
   return 0;
 }

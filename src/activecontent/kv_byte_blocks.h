@@ -39,6 +39,11 @@ struct kv_byte_block {
     return {{_mm_or_si128(parts[0], other.parts[0]), _mm_or_si128(parts[1], other.parts[1]),
              _mm_or_si128(parts[2], other.parts[2]), _mm_or_si128(parts[3], other.parts[3])}};
   }
+  [[nodiscard]] kv_byte_block without(const kv_byte_block& other) const {
+    return {{_mm_andnot_si128(other.parts[0], parts[0]), _mm_andnot_si128(other.parts[1], parts[1]),
+             _mm_andnot_si128(other.parts[2], parts[2]),
+             _mm_andnot_si128(other.parts[3], parts[3])}};
+  }
 
   // True when a byte is not zero in its highest bit, as those that compared equal are.
   [[nodiscard]] bool any() const {

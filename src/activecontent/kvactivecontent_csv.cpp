@@ -61,18 +61,18 @@ std::string_view s_bytes(const scanobject& job) {
 
 }  // namespace
 
-std::int32_t kv_csv_check(std::string_view bytes, kv_csv_pattern& pattern,
+std::int32_t kv_csv_check(std::string_view bytes, kv_csv_pattern& pattern, kv_simd_level level,
                           std::pmr::memory_resource& memory, char* reason, char* error) {
   constexpr const char* kDetector = "kvactivecontent_csv_command";
   KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "Checking for CSV injection");
   KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "%s(): checking for BAI file", kDetector);
   // Statement lines and cells are those of a text that a zero byte ends.
   const std::string_view text = bytes.substr(0, bytes.find('\0'));
-  if (kv_csv_is_bai(text)) {
+  if (kv_csv_is_bai(text, level)) {
     KV_LOG_AS(KV_LOG_LEVEL_WARN, kDetector, "This file is BAI, not CSV");
     return KV_RESULT_CLEAN;
   }
-  const char delimiter = kv_csv_choose_delimiter(bytes);
+  const char delimiter = kv_csv_choose_delimiter(bytes, level);
   if (delimiter == '\0') {
     KV_LOG_AS(KV_LOG_LEVEL_INFO, kDetector, "CSV validation failed");
     return KV_RESULT_CLEAN;
@@ -82,7 +82,7 @@ std::int32_t kv_csv_check(std::string_view bytes, kv_csv_pattern& pattern,
     return s_fail_to_compile(code, error);
   }
   KV_LOG_AS(KV_LOG_LEVEL_DEBUG, kDetector, "Tokenizing the file with '%c' delimiter", delimiter);
-  return kv_csv_find_injection(text, delimiter, pattern, memory, reason, error);
+  return kv_csv_find_injection(text, delimiter, pattern, level, memory, reason, error);
 }
 
 std::int32_t kvactivecontent_csv_command(scanobject* job, char* reason, char* error) {
@@ -90,7 +90,8 @@ std::int32_t kvactivecontent_csv_command(scanobject* job, char* reason, char* er
   std::int32_t rc = KV_RESULT_FAILED;
   KV_TRACE_SCOPE(rc);
   try {
-    rc = kv_csv_check(s_bytes(*job), pattern, *std::pmr::new_delete_resource(), reason, error);
+    rc = kv_csv_check(s_bytes(*job), pattern, kv_best_simd_level(),
+                      *std::pmr::new_delete_resource(), reason, error);
   } catch (const std::exception& failure) {
     KV_LOG_ERROR("%s", failure.what());
     static_cast<void>(std::snprintf(error, KV_REASON_SIZE, "%s", failure.what()));

@@ -4,8 +4,8 @@
 #include <array>
 #include <cstring>
 
-#include "activecontent/kv_byte_blocks.h"
 #include "activecontent/kvactivecontent_csv_internal.h"
+#include "activecontent/kvactivecontent_csv_marks.h"
 
 namespace {
 
@@ -55,21 +55,18 @@ class record_counter {
 
 }  // namespace
 
-bool kv_csv_is_bai(std::string_view text) {
-  const kv_text_window window{text.data(), text.size(), text.size()};
-  kv_block_reader reader{window};
+bool kv_csv_is_bai(std::string_view text, kv_simd_level level) {
+  const kv_csv_kernels& kernels = kv_csv_kernels_of(level);
   record_counter records{text};
-  for (std::size_t offset = 0; offset < text.size(); offset += KV_BLOCK_SIZE) {
-    const kv_byte_block hits = kv_byte_block::load(reader.at(offset)).equal_bytes(kRecordEnd);
-    if (!hits.any()) {
-      continue;
-    }
-    for (std::uint64_t ends = hits.bits(); ends != 0; ends &= ends - 1) {
-      records.take(offset + kv_first_bit(ends));
-      if (records.count() > kThreshold) {
-        return true;
+  kv_csv_marks ends;
+  kv_csv_for_each_chunk(text, [&](const char* bytes, std::size_t words, std::size_t offset) {
+    kernels.equal(bytes, words, kRecordEnd, ends.data());
+    for (std::size_t word = 0; word < words; ++word) {
+      for (std::uint64_t left = ends[word]; left != 0; left &= left - 1) {
+        records.take(offset + word * KV_BLOCK_SIZE + kv_first_bit(left));
       }
     }
-  }
-  return false;
+    return records.count() <= kThreshold;
+  });
+  return records.count() > kThreshold;
 }

@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "activecontent/kv_byte_blocks.h"
 #include "activecontent/kvactivecontent_csv_internal.h"
+#include "activecontent/kvactivecontent_csv_marks.h"
 #include "activecontent/kvactivecontent_detectors.h"
 #include "logging/log-helper.h"
 
@@ -62,68 +62,75 @@ std::size_t s_find_deciding_byte(std::string_view trimmed) {
 class injection_search {
  public:
   injection_search(std::string_view text, char delimiter, kv_csv_pattern& pattern,
-                   std::pmr::memory_resource& memory, char* reason, char* error)
+                   kv_simd_level level, std::pmr::memory_resource& memory, char* reason,
+                   char* error)
       : text_(text),
         delimiter_(delimiter),
+        kernels_(kv_csv_kernels_of(level)),
         pattern_(pattern),
         subject_(&memory),
         reason_(reason),
         error_(error) {
     kinds_[static_cast<unsigned char>(delimiter)] = byte_kind::delimiter;
+    while (numbers_from_ > 0 && kind_at(numbers_from_ - 1) == byte_kind::number) {
+      --numbers_from_;
+    }
   }
 
   // The code of the first cell that has one.
   std::int32_t run() {
-    std::int32_t code = KV_RESULT_CLEAN;
-    std::uint64_t behind_delimiter = 1;  // the first cell has none before it
-    kv_block_reader reader{{text_.data(), text_.size(), text_.size()}};
-    for (std::size_t offset = 0; offset < text_.size() && code == KV_RESULT_CLEAN;
-         offset += KV_BLOCK_SIZE) {
-      const kv_byte_block bytes = kv_byte_block::load(reader.at(offset));
-      const std::uint64_t delimiters = bytes.equal(delimiter_);
-      std::uint64_t begins = (delimiters << 1 | behind_delimiter) & s_worth_a_look(bytes);
-      behind_delimiter = delimiters >> (KV_BLOCK_SIZE - 1);
-      for (; begins != 0 && code == KV_RESULT_CLEAN; begins &= begins - 1) {
-        code = test_cell(offset + kv_first_bit(begins));
+    std::int32_t code = test_cell(0);
+    kv_csv_marks delimiters;
+    kv_csv_for_each_chunk(text_, [&](const char* bytes, std::size_t words, std::size_t offset) {
+      kernels_.formulas(bytes, words, delimiter_, delimiters.data());
+      for (std::size_t word = 0; word < words; ++word, offset += KV_BLOCK_SIZE) {
+        for (std::uint64_t left = delimiters[word]; left != 0; left &= left - 1) {
+          const std::size_t begin = offset + kv_first_bit(left) + 1;
+          if (!is_harmless(begin) && code == KV_RESULT_CLEAN) {
+            code = test_cell(begin);
+          }
+        }
       }
-    }
+      return code == KV_RESULT_CLEAN;
+    });
     return code;
   }
 
  private:
-  // Where a leading character or white space may stand: among others too, but nowhere else.
-  static std::uint64_t s_worth_a_look(const kv_byte_block& bytes) {
-    const __m128i plus_and_minus = _mm_set1_epi8('+' & '-');
-    const __m128i their_bits = _mm_set1_epi8(~('+' ^ '-'));
-    const __m128i behind_blank = _mm_set1_epi8(' ' + 1);
-    const kv_byte_block signs = bytes.map([&](__m128i part) {
-      return _mm_cmpeq_epi8(_mm_and_si128(part, their_bits), plus_and_minus);
-    });
-    const kv_byte_block blanks =
-        bytes.map([&](__m128i part) { return _mm_cmplt_epi8(part, behind_blank); });
-    return (signs | blanks | bytes.equal_bytes('=') | bytes.equal_bytes('@')).bits();
+  // Most cells need no closer look: nothing leads them, or they are numbers.
+  [[nodiscard]] bool is_harmless(std::size_t begin) const {
+    const std::size_t first = behind_white_space(begin);
+    return kind_at(first) != byte_kind::leading ||
+           (!traced_ && kind_at(number_end(first + 1)) == byte_kind::delimiter);
   }
 
-  // Tests the cell that begins at an offset, if its first byte behind white space is worth it.
+  // Tests the cell that begins at an offset.
   std::int32_t test_cell(std::size_t begin) {
-    std::size_t first = begin;
-    while (kind_at(first) == byte_kind::white_space) {
-      ++first;
-    }
+    const std::size_t first = behind_white_space(begin);
     if (kind_at(first) != byte_kind::leading) {
       return KV_RESULT_CLEAN;
     }
-    std::size_t end = first + 1;
-    while (kind_at(end) == byte_kind::number) {
-      ++end;
-    }
-    const bool is_number = kind_at(end) == byte_kind::delimiter;
-    if (is_number && !traced_) {
-      return KV_RESULT_CLEAN;
-    }
-    end = std::min(text_.find(delimiter_, end), text_.size());
+    const std::size_t end = std::min(text_.find(delimiter_, first), text_.size());
     return test_formula(text_.substr(begin, end - begin),
                         s_trim_end(text_.substr(first, end - first)));
+  }
+
+  [[nodiscard]] std::size_t behind_white_space(std::size_t at) const {
+    while (kind_at(at) == byte_kind::white_space) {
+      ++at;
+    }
+    return at;
+  }
+
+  // The first byte at or behind an offset that is no part of a number.
+  [[nodiscard]] std::size_t number_end(std::size_t at) const {
+    if (at >= numbers_from_) {
+      return text_.size();
+    }
+    while (kinds_[static_cast<unsigned char>(text_[at])] == byte_kind::number) {
+      ++at;
+    }
+    return at;
   }
 
   std::int32_t test_formula(std::string_view cell, std::string_view trimmed) {
@@ -197,7 +204,9 @@ class injection_search {
 
   std::string_view text_;
   char delimiter_;
+  std::size_t numbers_from_ = text_.size();  // from here on there is nothing else
   std::array<byte_kind, 256> kinds_ = kKinds;
+  const kv_csv_kernels& kernels_;
   kv_csv_pattern& pattern_;
   std::pmr::string subject_;
   char* reason_;
@@ -209,6 +218,7 @@ class injection_search {
 }  // namespace
 
 std::int32_t kv_csv_find_injection(std::string_view text, char delimiter, kv_csv_pattern& pattern,
-                                   std::pmr::memory_resource& memory, char* reason, char* error) {
-  return injection_search(text, delimiter, pattern, memory, reason, error).run();
+                                   kv_simd_level level, std::pmr::memory_resource& memory,
+                                   char* reason, char* error) {
+  return injection_search(text, delimiter, pattern, level, memory, reason, error).run();
 }

@@ -253,15 +253,15 @@ TEST(CsvBai, StatementsOfFiveRecordsAreNotTested) {
 }
 
 TEST(CsvBai, LinesEndAtCarriageReturnsLineFeedsAndTheEnd) {
-  EXPECT_TRUE(kv_csv_is_bai(statement(5, "/\r")));
-  EXPECT_TRUE(kv_csv_is_bai(statement(5, "/\r\n\r\n")));
-  EXPECT_TRUE(kv_csv_is_bai(statement(4) + "01,/"));
-  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "01,/ "));
-  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "01/"));
-  EXPECT_FALSE(kv_csv_is_bai(statement(4) + " 01,/"));
-  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "16,/"));
-  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "x\n/\n"));
-  EXPECT_TRUE(kv_csv_is_bai(statement(4) + "x/y/\n/\n02,//"));
+  EXPECT_TRUE(kv_csv_is_bai(statement(5, "/\r"), kv_best_simd_level()));
+  EXPECT_TRUE(kv_csv_is_bai(statement(5, "/\r\n\r\n"), kv_best_simd_level()));
+  EXPECT_TRUE(kv_csv_is_bai(statement(4) + "01,/", kv_best_simd_level()));
+  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "01,/ ", kv_best_simd_level()));
+  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "01/", kv_best_simd_level()));
+  EXPECT_FALSE(kv_csv_is_bai(statement(4) + " 01,/", kv_best_simd_level()));
+  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "16,/", kv_best_simd_level()));
+  EXPECT_FALSE(kv_csv_is_bai(statement(4) + "x\n/\n", kv_best_simd_level()));
+  EXPECT_TRUE(kv_csv_is_bai(statement(4) + "x/y/\n/\n02,//", kv_best_simd_level()));
 }
 
 TEST(CsvBai, LinesBehindAZeroByteAreNotRead) {
@@ -321,7 +321,8 @@ verdict check_with(std::string_view bytes, kv_csv_pattern& pattern,
                    std::pmr::memory_resource& memory = *std::pmr::new_delete_resource()) {
   std::array<char, KV_REASON_SIZE> reason{};
   std::array<char, KV_REASON_SIZE> error{};
-  const std::int32_t code = kv_csv_check(bytes, pattern, memory, reason.data(), error.data());
+  const std::int32_t code =
+      kv_csv_check(bytes, pattern, kv_best_simd_level(), memory, reason.data(), error.data());
   return {code, reason.data(), error.data()};
 }
 

@@ -10,9 +10,11 @@
 
 #include "activecontent/kvactivecontent_csv.h"
 #include "activecontent/kvactivecontent_detectors.h"
+#include "support/csv_product.h"
 #include "support/csv_reference.h"
 #include "support/fragment_text.h"
 #include "support/job_builder.h"
+#include "support/simd_levels.h"
 #include "support/trace_capture.h"
 
 using namespace std::string_view_literals;
@@ -72,6 +74,12 @@ void compare(const std::string& text) {
   ASSERT_EQ(actual.code, expected.code) << text;
   ASSERT_EQ(actual.reason, expected.reason) << text;
   ASSERT_EQ(actual.error, expected.error) << text;
+  const std::vector<char> exact(text.begin(), text.end());
+  for (const kv_simd_level level : available_simd_levels()) {
+    const csv_reference_result at_level = csv_product_check({exact.data(), exact.size()}, level);
+    ASSERT_EQ(at_level.code, expected.code) << text;
+    ASSERT_EQ(at_level.reason, expected.reason) << text;
+  }
   for (const char delimiter : ",;|\t\"'\\"sv) {
     ASSERT_EQ(s_CountDelimiters(text.data(), text.size(), delimiter),
               csv_reference_count_delimiters(text, delimiter))
@@ -101,6 +109,44 @@ TEST(CsvDifferential, ResultsAgreeOnTablesWithEmptyLines) {
   fragment_text texts{32, kLines};
   for (std::size_t round = 0; round < 20000; ++round) {
     ASSERT_NO_FATAL_FAILURE(compare("a,b\n" + texts.make(12)));
+  }
+}
+
+// Few kinds of bytes, so that lines and cells often agree, and lengths around the borders of words
+// and of chunks of words.
+TEST(CsvDifferential, ResultsAgreeOnTextsOfSpecialBytes) {
+  constexpr std::array kBytes{","sv, ","sv, "\n"sv, "\""sv, "'"sv, "\\"sv,
+                              "-"sv, "1"sv, "x"sv,  "/"sv,  ";"sv, " "sv};
+  constexpr std::array<std::size_t, 9> kLengths{62, 63, 64, 65, 127, 128, 129, 1024, 1025};
+  fragment_text texts{34, kBytes};
+  for (std::size_t round = 0; round < 9000; ++round) {
+    std::string text;
+    while (text.size() < kLengths[round % kLengths.size()]) {
+      text += kBytes[texts.below(kBytes.size())];
+    }
+    ASSERT_NO_FATAL_FAILURE(compare(text));
+  }
+}
+
+// Tables that stay valid over many words, with fields that hide delimiters in every way, broken at
+// one place.
+TEST(CsvDifferential, ResultsAgreeOnLongTablesBrokenAtOnePlace) {
+  constexpr std::array kFields{"a"sv,          "1.5"sv,  "\"b,c\""sv, "'d,e'"sv,
+                               "\\,"sv,        "-5"sv,   "9/"sv,      "\"it's,\""sv,
+                               "\"x\\\",\""sv, "\"\""sv, "word"sv,    "\\\\"sv};
+  fragment_text texts{35, kFields};
+  for (std::size_t round = 0; round < 2000; ++round) {
+    std::string text = "x,y,z\n";
+    const std::size_t kinds = 2 + texts.below(kFields.size() - 1);
+    for (std::size_t rows = 20 + texts.below(200); rows > 0; --rows) {
+      text += "r,";
+      text += kFields[texts.below(kinds)];
+      text += ",";
+      text += kFields[texts.below(kinds)];
+      text += "\n";
+    }
+    texts.mutate(text, round % 2);
+    ASSERT_NO_FATAL_FAILURE(compare(text));
   }
 }
 
