@@ -1,5 +1,6 @@
 #include "activecontent/PDFscan.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -14,31 +15,49 @@
 namespace {
 
 constexpr std::string_view kObject = "obj";
-constexpr std::string_view kEnd = "end";  // stands in front of "obj" at the end of an object
 constexpr std::string_view kTrailer = "trailer";
 constexpr std::string_view kEncrypt = "/Encrypt";
+// Looking for keywords in the whole of such an object costs less than finding its dictionary.
+constexpr std::size_t kShortObject = 1024;
 constexpr std::size_t kNowhere = std::string_view::npos;
 
-// Where "obj" begins in the block, judged by all three bytes at once.
-std::uint64_t s_object_bits(const char* bytes) {
-  const kv_byte_block hits = kv_byte_block::load(bytes).equal_bytes('o') &
-                             kv_byte_block::load(bytes + 1).equal_bytes('b') &
-                             kv_byte_block::load(bytes + 2).equal_bytes('j');
-  return hits.any() ? hits.bits() : 0;
-}
+// Finds one "obj" after the other. Each block is looked at once, however many stand in it.
+class object_finder {
+ public:
+  object_finder(std::string_view in, kv_simd_level level)
+      : in_(in), kernels_(kv_pdf_kernels_of(level)) {}
 
-// The next "obj" at or behind from that lies whole within the bytes.
-std::size_t s_find_object(std::string_view in, std::size_t from) {
-  constexpr std::size_t kRead = KV_BLOCK_SIZE + kObject.size() - 1;
-  while (from < in.size() && in.size() - from >= kRead) {
-    const std::uint64_t hits = s_object_bits(in.data() + from);
-    if (hits != 0) {
-      return from + kv_first_bit(hits);
+  // The next one at or behind from that lies whole within the bytes. From call to call from goes
+  // on, behind what was found.
+  std::size_t find(std::size_t from) {
+    if (from < behind_) {
+      hits_ &= ~kv_low_bits(KV_BLOCK_SIZE - (behind_ - from));
+    } else {
+      behind_ = from;
+      hits_ = 0;
     }
-    from += KV_BLOCK_SIZE;
+    if (hits_ == 0) {
+      step();
+    }
+    return hits_ == 0 ? in_.find(kObject, behind_) : behind_ - KV_BLOCK_SIZE + kv_first_bit(hits_);
   }
-  return in.find(kObject, from);
-}
+
+ private:
+  // To the next block with hits, or behind the last one that can be looked at.
+  void step() {
+    constexpr std::size_t kMargin = kObject.size() - 1;
+    const std::size_t left = in_.size() - std::min(behind_, in_.size());
+    const std::size_t blocks = left < kMargin ? 0 : (left - kMargin) / KV_BLOCK_SIZE;
+    const kv_pdf_object_marks next = kernels_.objects(in_.data() + behind_, blocks);
+    hits_ = next.marks;
+    behind_ += (next.blocks_before + (hits_ == 0 ? 0 : 1)) * KV_BLOCK_SIZE;
+  }
+
+  std::string_view in_;
+  const kv_pdf_kernels& kernels_;
+  std::size_t behind_ = 0;  // the block last looked at
+  std::uint64_t hits_ = 0;  // in it
+};
 
 // The nearest line break before an offset, but behind start.
 std::size_t s_find_line_break(std::string_view in, std::size_t start, std::size_t before) {
@@ -66,16 +85,9 @@ std::size_t s_find_line_break(std::string_view in, std::size_t start, std::size_
   return found;
 }
 
-// The "j" of the "endobj" that closes an object whose first "obj" is given. Every "endobj" ends in
-// an "obj"; the line break in front of the first one keeps "end" from reaching back behind it.
-std::size_t s_find_closing(std::string_view in, std::size_t object) {
-  while (object != kNowhere) {
-    if (object >= kEnd.size() && in.compare(object - kEnd.size(), kEnd.size(), kEnd) == 0) {
-      return object + kObject.size() - 1;
-    }
-    object = s_find_object(in, object + kObject.size());
-  }
-  return kNowhere;
+// True when "end" stands before an offset.
+bool s_follows_end(std::string_view in, std::size_t at) {
+  return at >= 3 && in[at - 3] == 'e' && in[at - 2] == 'n' && in[at - 1] == 'd';
 }
 
 // What a printed line shows of bytes.
@@ -86,10 +98,11 @@ std::string s_as_text(std::string_view bytes) {
 class pdf_scan {
  public:
   pdf_scan(std::string_view in, const kv_pdf_keyword_t* table, std::int32_t& match_index,
-           std::pmr::memory_resource& memory)
+           kv_simd_level level, std::pmr::memory_resource& memory)
       : in_(in),
+        objects_(in, level),
         table_(table),
-        keywords_(table),
+        keywords_(table, level),
         match_index_(match_index),
         clean_(&memory),
         canonical_(&memory) {}
@@ -105,12 +118,12 @@ class pdf_scan {
  private:
   // Steps to the next object; false when there is none.
   bool next_object() {
-    const std::size_t object = finished_ ? kNowhere : s_find_object(in_, end_);
+    const std::size_t object = finished_ ? kNowhere : objects_.find(end_);
     const std::size_t line = object == kNowhere ? kNowhere : s_find_line_break(in_, end_, object);
     if (line == kNowhere) {
       return false;
     }
-    const std::size_t closing = s_find_closing(in_, object);
+    const std::size_t closing = find_closing(object);
     if (closing == kNowhere) {
       // Going on behind the line break would meet the same "obj", with no line break before it.
       KV_LOG_WARN("No corresponding closing tag found");
@@ -123,9 +136,21 @@ class pdf_scan {
     return true;
   }
 
+  // The "j" of the "endobj" that closes an object whose first "obj" is given. Every "endobj" ends
+  // in an "obj"; the line break in front of the first one keeps "end" from reaching back behind it.
+  std::size_t find_closing(std::size_t object) {
+    while (object != kNowhere && !s_follows_end(in_, object)) {
+      object = objects_.find(object + kObject.size());
+    }
+    return object == kNowhere ? kNowhere : object + kObject.size() - 1;
+  }
+
   std::int32_t analyse_object() {
-    kv_pdf_dictionary_t dictionary =
-        kv_pdf_find_dictionary({in_.data() + begin_, end_ - begin_, in_.size() - begin_});
+    const kv_text_window object{in_.data() + begin_, end_ - begin_, in_.size() - begin_};
+    if (object.size <= kShortObject && !traced_ && !keywords_.may_stand_in(object)) {
+      return KV_RESULT_CLEAN;
+    }
+    kv_pdf_dictionary_t dictionary = kv_pdf_find_dictionary(object);
     if (dictionary.presence == kv_pdf_presence::behind_zero) {
       if (!copy_without_zeros()) {
         KV_LOG_ERROR("Failed to allocate %s", "object text");
@@ -194,12 +219,15 @@ class pdf_scan {
   }
 
   std::string_view in_;
+  object_finder objects_;
   const kv_pdf_keyword_t* table_;
   kv_pdf_keywords keywords_;
   std::int32_t& match_index_;
   std::size_t begin_ = 0;  // of the object: the line break before its header
   std::size_t end_ = 0;    // behind its text, where the search goes on
   bool finished_ = false;
+  // Asked once: a document may hold a hundred thousand objects.
+  bool traced_ = log_is_enabled(KV_LOG_LEVEL_DEBUG);
   std::pmr::string clean_;      // an object's text without its zero bytes
   std::pmr::string canonical_;  // a dictionary without its escapes
 };
@@ -208,15 +236,17 @@ class pdf_scan {
 
 std::int32_t kv_PDFscan(const void* bytes, std::size_t length, const kv_pdf_keyword_t* table,
                         std::int32_t* match_index) {
-  return kv_pdf_scan_with(bytes, length, table, match_index, *std::pmr::new_delete_resource());
+  return kv_pdf_scan_with(bytes, length, table, match_index, kv_best_simd_level(),
+                          *std::pmr::new_delete_resource());
 }
 
 std::int32_t kv_pdf_scan_with(const void* bytes, std::size_t length, const kv_pdf_keyword_t* table,
-                              std::int32_t* match_index, std::pmr::memory_resource& memory) {
+                              std::int32_t* match_index, kv_simd_level level,
+                              std::pmr::memory_resource& memory) {
   std::int32_t rc = KV_RESULT_FAILED;
   KV_TRACE_SCOPE(rc);
   const std::string_view in{static_cast<const char*>(bytes), bytes == nullptr ? 0 : length};
-  rc = pdf_scan(in, table, *match_index, memory).run();
+  rc = pdf_scan(in, table, *match_index, level, memory).run();
   KV_LOG_DEBUG("Returning %d", rc);
   return rc;
 }

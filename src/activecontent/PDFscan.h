@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <memory_resource>
 
+#include "activecontent/kv_simd_level.h"
+
 // A row of a keyword table; an empty keyword ends the table.
 struct kv_pdf_keyword_t {
   const char* keyword;  // found whatever its letter case
@@ -24,10 +26,11 @@ inline constexpr std::int32_t KV_PDF_NO_MATCH = -1;
 [[nodiscard]] std::int32_t kv_PDFscan(const void* bytes, std::size_t length,
                                       const kv_pdf_keyword_t* table, std::int32_t* match_index);
 
-// The same with the memory that copies of dictionaries are made in.
+// The same at a vector level that the processor has, with the memory that copies of dictionaries
+// are made in.
 [[nodiscard]] std::int32_t kv_pdf_scan_with(const void* bytes, std::size_t length,
                                             const kv_pdf_keyword_t* table,
-                                            std::int32_t* match_index,
+                                            std::int32_t* match_index, kv_simd_level level,
                                             std::pmr::memory_resource& memory);
 
 // 1 when the document's last trailer is followed by "/Encrypt", else 0.

@@ -11,31 +11,7 @@ std::uint64_t s_pair_bits(const kv_text_window& text, std::size_t offset) {
   return kv_low_bits(text.size - 1 - offset);
 }
 
-struct opening {
-  kv_pdf_presence presence;
-  std::size_t at;
-};
-
-// The first "<<". A "<" with a zero byte behind it may be half of one.
-opening s_find_opening(const kv_text_window& object) {
-  kv_block_reader reader{object};
-  for (std::size_t offset = 0; offset + 1 < object.size; offset += KV_BLOCK_SIZE) {
-    std::uint64_t hits =
-        kv_byte_block::load(reader.at(offset)).equal('<') & s_pair_bits(object, offset);
-    for (; hits != 0; hits &= hits - 1) {
-      const std::size_t at = offset + kv_first_bit(hits);
-      if (object.bytes[at + 1] == '<') {
-        return {kv_pdf_presence::found, at};
-      }
-      if (object.bytes[at + 1] == '\0') {
-        return {kv_pdf_presence::behind_zero, at};
-      }
-    }
-  }
-  return {kv_pdf_presence::absent, 0};
-}
-
-// Counts levels from pair to pair.
+// Finds the first "<<" and counts levels from it on, from pair to pair.
 class level_counter {
  public:
   explicit level_counter(const kv_text_window& text) : text_(text) {}
@@ -51,11 +27,15 @@ class level_counter {
       }
       const char byte = text_.bytes[at];
       if (byte == '\0') {
-        return outcome::zero;
-      }
-      if (byte != text_.bytes[at + 1]) {
+        if (joins_brackets(at)) {
+          return outcome::zero;
+        }
         continue;
       }
+      if (byte != text_.bytes[at + 1] || (byte != '<' && depth_ == 0)) {
+        continue;
+      }
+      begin_ = depth_ == 0 ? at : begin_;
       taken_ = at + kPair;
       depth_ += byte == '<' ? 1 : std::size_t{0} - 1;
       if (depth_ == 0) {
@@ -64,11 +44,20 @@ class level_counter {
     }
     return outcome::open;
   }
+  // The first "<<".
+  [[nodiscard]] std::size_t begin() const { return begin_; }
   // Bytes up to the last pair's end.
   [[nodiscard]] std::size_t taken() const { return taken_; }
 
  private:
+  // Without the zero byte there may be one pair more: anywhere between the levels, and in front of
+  // them behind a "<".
+  [[nodiscard]] bool joins_brackets(std::size_t at) const {
+    return depth_ != 0 || (at > 0 && text_.bytes[at - 1] == '<');
+  }
+
   kv_text_window text_;
+  std::size_t begin_ = 0;
   std::size_t depth_ = 0;
   std::size_t taken_ = 0;
 };
@@ -99,17 +88,13 @@ int s_hex_value(char digit) {
 }  // namespace
 
 kv_pdf_dictionary_t kv_pdf_find_dictionary(const kv_text_window& object) {
-  const opening open = s_find_opening(object);
-  if (open.presence != kv_pdf_presence::found) {
-    return {open.presence, {}};
-  }
-  const kv_text_window text = object.from(open.at);
-  kv_block_reader reader{text};
-  level_counter levels{text};
-  for (std::size_t offset = 0; offset < text.size; offset += KV_BLOCK_SIZE) {
-    switch (levels.take(offset, s_level_marks(text, reader.at(offset), offset))) {
+  kv_block_reader reader{object};
+  level_counter levels{object};
+  for (std::size_t offset = 0; offset < object.size; offset += KV_BLOCK_SIZE) {
+    switch (levels.take(offset, s_level_marks(object, reader.at(offset), offset))) {
       case level_counter::outcome::closed:
-        return {kv_pdf_presence::found, text.first(levels.taken())};
+        return {kv_pdf_presence::found,
+                object.from(levels.begin()).first(levels.taken() - levels.begin())};
       case level_counter::outcome::zero:
         return {kv_pdf_presence::behind_zero, {}};
       default:

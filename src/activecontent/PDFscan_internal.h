@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "activecontent/PDFscan.h"
+#include "activecontent/PDFscan_marks.h"
 #include "activecontent/kv_byte_blocks.h"
 
 enum class kv_pdf_presence {
@@ -36,7 +37,11 @@ struct kv_pdf_dictionary_t {
 // dictionary is examined, and it counts only in front of a delimiter.
 class kv_pdf_keywords {
  public:
-  explicit kv_pdf_keywords(const kv_pdf_keyword_t* table);
+  kv_pdf_keywords(const kv_pdf_keyword_t* table, kv_simd_level level);
+
+  // False when no keyword stands in an object's text, nor can come out of its escapes and zero
+  // bytes: then its dictionary need not be looked for.
+  [[nodiscard]] bool may_stand_in(const kv_text_window& object) const;
 
   // The lowest row whose keyword counts, or KV_PDF_NO_MATCH.
   [[nodiscard]] std::int32_t find(const kv_text_window& dictionary) const;
@@ -45,31 +50,14 @@ class kv_pdf_keywords {
   using row_set = std::uint16_t;  // one bit for each row
   static_assert(KV_PDF_MAX_KEYWORDS <= 16);
 
-  void add(std::size_t row);
-  void add_starter(char byte);
-  [[nodiscard]] std::uint64_t starters(const char* bytes) const;
-  // Rows that may begin with the two bytes.
-  [[nodiscard]] unsigned rows_of(const char* bytes) const {
-    return static_cast<unsigned>(rows_by_first_[static_cast<unsigned char>(bytes[0])] &
-                                 rows_by_second_[static_cast<unsigned char>(bytes[1])]);
-  }
-  // The bytes at the beginning of a word, alike for both letter cases; a few other bytes look alike
-  // too.
-  struct beginning {
-    std::uint32_t bytes;
-    std::uint32_t mask;  // ones for the bytes that a short word has
-  };
-  static beginning s_beginning(std::string_view word);
-  [[nodiscard]] bool may_stand_at(std::size_t row, const char* bytes) const;
-
+  // Takes those of the rows whose keywords stand at an offset out of unseen; the ones that count go
+  // into counting.
   void examine(const kv_text_window& dictionary, std::size_t at, unsigned rows, row_set& unseen,
                row_set& counting) const;
 
+  const kv_pdf_kernels& kernels_;
+  kv_pdf_keys keys_;
   std::array<std::string_view, KV_PDF_MAX_KEYWORDS> words_{};
-  std::array<beginning, KV_PDF_MAX_KEYWORDS> beginnings_{};
   std::size_t count_ = 0;
-  __m128i starter_bytes_[2 * KV_PDF_MAX_KEYWORDS];  // first bytes, each once, in all places
-  std::size_t starter_count_ = 0;
-  std::array<row_set, 256> rows_by_first_{};   // rows whose word begins with the byte
-  std::array<row_set, 256> rows_by_second_{};  // rows whose word goes on with the byte
+  std::array<row_set, 256> rows_by_first_{};  // rows whose word begins with the byte
 };

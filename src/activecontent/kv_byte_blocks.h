@@ -105,22 +105,21 @@ class kv_block_reader {
  public:
   explicit kv_block_reader(const kv_text_window& window) : window_(window) {}
 
-  // Where a block and one byte more can be loaded from, for the text at offset (below its size).
+  // Bytes behind a block that may be loaded with it.
+  static constexpr std::size_t kMargin = 2;
+
+  // Where a block and its margin can be loaded from, for the text at offset (below its size).
   [[nodiscard]] const char* at(std::size_t offset) {
     const std::size_t left = window_.readable - offset;
-    if (left > KV_BLOCK_SIZE) {
+    if (left >= copy_.size()) {
       return window_.bytes + offset;
     }
     std::memset(copy_.data() + left, 0, copy_.size() - left);
     std::memcpy(copy_.data(), window_.bytes + offset, left);
     return copy_.data();
   }
-  // The bits of the block at offset that belong to the text.
-  [[nodiscard]] std::uint64_t valid(std::size_t offset) const {
-    return kv_low_bits(window_.size - offset);
-  }
 
  private:
   kv_text_window window_;
-  std::array<char, KV_BLOCK_SIZE + 1> copy_;
+  std::array<char, KV_BLOCK_SIZE + kMargin> copy_;
 };

@@ -10,6 +10,7 @@
 #include "activecontent/PDFscan.h"
 #include "support/fragment_text.h"
 #include "support/pdf_reference.h"
+#include "support/simd_levels.h"
 #include "support/trace_capture.h"
 
 using namespace std::string_view_literals;
@@ -68,6 +69,14 @@ void compare(const std::string& text) {
   std::int32_t index = KV_PDF_NO_MATCH;
   ASSERT_EQ(kv_PDFscan(exact.data(), exact.size(), kTable, &index), expected.code) << text;
   ASSERT_EQ(index, expected.match_index) << text;
+  for (const kv_simd_level level : available_simd_levels()) {
+    std::int32_t index_at_level = KV_PDF_NO_MATCH;
+    ASSERT_EQ(kv_pdf_scan_with(exact.data(), exact.size(), kTable, &index_at_level, level,
+                               *std::pmr::new_delete_resource()),
+              expected.code)
+        << text;
+    ASSERT_EQ(index_at_level, expected.match_index) << text;
+  }
   ASSERT_EQ(kv_PDF_IsEncrypted(exact.data(), exact.size()), pdf_reference_is_encrypted(text));
 }
 
@@ -85,6 +94,55 @@ TEST(PdfDifferential, ResultsAgreeOnRandomBytes) {
   fragment_text texts{21, kBytes};
   for (std::size_t round = 0; round < 15000; ++round) {
     ASSERT_NO_FATAL_FAILURE(compare("%\n" + texts.make(60)));
+  }
+}
+
+// Objects of few kinds one after the other, some of them too long to be searched as a whole, with a
+// keyword here and there.
+TEST(PdfDifferential, ResultsAgreeOnDocumentsOfManyObjects) {
+  constexpr std::array kInside{"/Type/Annot"sv,
+                               " "sv,
+                               "<<"sv,
+                               ">>"sv,
+                               "[72 700 200 712]"sv,
+                               "/JS"sv,
+                               "/Lang"sv,
+                               "/A#41 1"sv,
+                               "<"sv,
+                               ">"sv,
+                               "\0"sv,
+                               "perl "sv,
+                               "stream\n\xff\x80 obj\nendstream"sv,
+                               "\n"sv,
+                               "/XYZ"sv,
+                               "/Subtype/Link"sv};
+  fragment_text texts{23, kInside};
+  for (std::size_t round = 0; round < 5000; ++round) {
+    std::string text = "%PDF-1.4\n";
+    for (std::size_t number = texts.below(12); number > 0; --number) {
+      text += std::to_string(number) + " 0 obj\n<<";
+      std::string inside = texts.make(8);
+      if (number % 3 != 0) {
+        std::erase(inside, '#');
+        std::erase(inside, '\0');
+      }
+      text += inside + ">>";
+      text.append(texts.below(9) == 0 ? 900 + texts.below(300) : 0, 'x');
+      text += "\nendobj\n";
+    }
+    texts.mutate(text, round % 3);
+    ASSERT_NO_FATAL_FAILURE(compare(text));
+  }
+}
+
+// Around every border of blocks, at the end of a document as well.
+TEST(PdfDifferential, ResultsAgreeWhereverAKeywordStands) {
+  for (std::size_t before = 0; before < 200; ++before) {
+    const std::string text = "%\n1 0 obj\n<<" + std::string(before, 'k');
+    for (const std::string_view word : {"/JS "sv, "/js<"sv, "/J\0S "sv, "/#4aS "sv, "/JSX/JS "sv}) {
+      ASSERT_NO_FATAL_FAILURE(compare(text + std::string(word) + ">>endobj"));
+      ASSERT_NO_FATAL_FAILURE(compare(text + ">>" + std::string(word) + "endobj"));
+    }
   }
 }
 

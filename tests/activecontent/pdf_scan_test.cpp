@@ -239,7 +239,8 @@ class failing_memory : public std::pmr::memory_resource {
 outcome scan_with(std::string_view bytes, int grants) {
   failing_memory memory{grants};
   std::int32_t index = KV_PDF_NO_MATCH;
-  const std::int32_t code = kv_pdf_scan_with(bytes.data(), bytes.size(), kTable, &index, memory);
+  const std::int32_t code =
+      kv_pdf_scan_with(bytes.data(), bytes.size(), kTable, &index, kv_best_simd_level(), memory);
   return {code, index};
 }
 
