@@ -4,14 +4,16 @@
 // twice the time.
 #include <benchmark/benchmark.h>
 
-#include <functional>
+#include <cstdlib>
+#include <memory_resource>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "activecontent/kvactivecontent_csv_internal.h"
 #include "activecontent/kvactivecontent_detectors.h"
+#include "hostile_family.h"
 #include "memory_pass.h"
 #include "support/job_builder.h"
+#include "support/simd_levels.h"
 
 namespace {
 
@@ -20,6 +22,23 @@ void scan(const std::string& text) {
   char reason[KV_REASON_SIZE] = {};
   char error[KV_REASON_SIZE] = {};
   if (kvactivecontent_csv_command(job.get(), reason, error) != 0) {
+    std::abort();
+  }
+  benchmark::DoNotOptimize(reason);
+}
+
+// In a text in which nothing is found no cell gets as far as the pattern.
+class no_pattern : public kv_csv_pattern {
+ public:
+  int compile() override { return 0; }
+  kv_csv_match match(const char*) override { std::abort(); }
+};
+
+void scan_at(const std::string& text, kv_simd_level level) {
+  no_pattern pattern;
+  char reason[KV_REASON_SIZE] = {};
+  char error[KV_REASON_SIZE] = {};
+  if (kv_csv_check(text, pattern, level, *std::pmr::new_delete_resource(), reason, error) != 0) {
     std::abort();
   }
   benchmark::DoNotOptimize(reason);
@@ -37,58 +56,45 @@ std::string table(std::size_t size, const char* quote) {
   return text;
 }
 
-std::string repeated(std::string_view begin, std::string_view unit, std::size_t size,
-                     std::string_view end) {
-  std::string text(begin);
-  while (text.size() < size) {
-    text += unit;
-  }
-  return text + std::string(end);
+void csv_table(benchmark::State& state, kv_simd_level level, const char* quote) {
+  measure_share_of_copy(state, table(static_cast<std::size_t>(state.range(0)), quote),
+                        [level](const std::string& text) { scan_at(text, level); });
 }
 
-void csv_table(benchmark::State& state) {
-  measure_share_of_copy(state, table(static_cast<std::size_t>(state.range(0)), ""), scan);
-}
-BENCHMARK(csv_table)->Arg(16 << 10)->Arg(1 << 20)->Arg(8 << 20);
-
-void csv_quoted_table(benchmark::State& state) {
-  measure_share_of_copy(state, table(static_cast<std::size_t>(state.range(0)), "\""), scan);
-}
-BENCHMARK(csv_quoted_table)->Arg(1 << 20);
-
-using family = std::function<std::string(std::size_t)>;
-const std::vector<std::pair<const char*, family>> kFamilies{
-    {"empty_lines", [](std::size_t n) { return repeated("a,b\n", "\n", n, "1,2"); }},
-    {"empty_lines_and_quotes",
-     [](std::size_t n) { return repeated("a,b\n", "\n'\n\n'\n", n, "1,2"); }},
-    {"empty_lines_for_all_candidates",
-     [](std::size_t n) { return repeated("a,b;c|d\te\n", "\n", n, "1,2;3|4\t5"); }},
-    {"double_quotes", [](std::size_t n) { return repeated("a,b\n", "\"", n, ",2"); }},
-    {"single_quotes", [](std::size_t n) { return repeated("a,b\n", "'", n, ",2"); }},
-    {"quotes_in_turn", [](std::size_t n) { return repeated("a,b\n", "\"'", n, ",2"); }},
-    {"backslashes", [](std::size_t n) { return repeated("a,b\n", "\\", n, ",2"); }},
-    {"white_space", [](std::size_t n) { return repeated("a,b\n1,", " ", n, "x"); }},
-    {"white_space_behind_a_formula",
-     [](std::size_t n) { return repeated("a,b\n1,-5", " ", n, ""); }},
-    {"white_space_cells", [](std::size_t n) { return repeated("a", ", \t\v", n, ""); }},
-    {"delimiters", [](std::size_t n) { return repeated("a", ",", n, ""); }},
-    {"one_line_without_delimiter", [](std::size_t n) { return repeated("", "x", n, ""); }},
-    {"one_line_in_quotes", [](std::size_t n) { return repeated("'", ",;|", n, ""); }},
-    {"short_lines", [](std::size_t n) { return repeated("a,b\n", "x\n", n, "1,2"); }},
-    {"long_number", [](std::size_t n) { return repeated("a,-", "1", n, ""); }},
-    {"many_numbers", [](std::size_t n) { return repeated("a", ",-5", n, ""); }},
-    {"slashes", [](std::size_t n) { return repeated("a,b\n", "/\r", n, ""); }},
-    {"almost_statements", [](std::size_t n) { return repeated("a,b\n", "01,x/ \n", n, ""); }},
-    {"slashes_in_one_line", [](std::size_t n) { return repeated("01,", "/x", n, ""); }},
+constexpr hostile_family kFamilies[] = {
+    {"empty_lines", "a,b\n", "\n", "1,2"},
+    {"empty_lines_and_quotes", "a,b\n", "\n'\n\n'\n", "1,2"},
+    {"empty_lines_for_all_candidates", "a,b;c|d\te\n", "\n", "1,2;3|4\t5"},
+    {"double_quotes", "a,b\n", "\"", ",2"},
+    {"single_quotes", "a,b\n", "'", ",2"},
+    {"quotes_in_turn", "a,b\n", "\"'", ",2"},
+    {"backslashes", "a,b\n", "\\", ",2"},
+    {"white_space", "a,b\n1,", " ", "x"},
+    {"white_space_behind_a_formula", "a,b\n1,-5", " ", ""},
+    {"white_space_cells", "a", ", \t\v", ""},
+    {"delimiters", "a", ",", ""},
+    {"one_line_without_delimiter", "", "x", ""},
+    {"one_line_in_quotes", "'", ",;|", ""},
+    {"short_lines", "a,b\n", "x\n", "1,2"},
+    {"long_number", "a,-", "1", ""},
+    {"many_numbers", "a", ",-5", ""},
+    {"slashes", "a,b\n", "/\r", ""},
+    {"almost_statements", "a,b\n", "01,x/ \n", ""},
+    {"slashes_in_one_line", "01,", "/x", ""},
 };
-
-void csv_family(benchmark::State& state) {
-  const auto& [name, make] = kFamilies[static_cast<std::size_t>(state.range(0))];
-  state.SetLabel(name);
-  measure_doublings(state, 256 << 10, make, scan);
-}
-BENCHMARK(csv_family)->DenseRange(0, static_cast<int>(kFamilies.size()) - 1)->Iterations(1);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  for (const kv_simd_level level : available_simd_levels()) {
+    const std::string at = "/level_" + std::to_string(static_cast<int>(level));
+    benchmark::RegisterBenchmark(("table" + at).c_str(), csv_table, level, "")
+        ->Arg(16 << 10)
+        ->Arg(1 << 20)
+        ->Arg(8 << 20);
+    benchmark::RegisterBenchmark(("quoted_table" + at).c_str(), csv_table, level, "\"")
+        ->Arg(1 << 20);
+  }
+  register_hostile_families(kFamilies, scan);
+  return run_benchmarks(argc, argv);
+}

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "activecontent/markup_matcher.h"
+#include "hostile_family.h"
 #include "memory_pass.h"
 #include "support/markup_product.h"
 
@@ -57,15 +58,6 @@ std::string page(std::size_t size) {
   return text;
 }
 
-std::string repeated(std::string_view begin, std::string_view unit, std::size_t size,
-                     std::string_view end) {
-  std::string text(begin);
-  while (text.size() + end.size() < size) {
-    text += unit;
-  }
-  return text += end;
-}
-
 void literal_pass(benchmark::State& state, kv_simd_level level) {
   measure_share_of_copy(state, page(1 << 20), [level](const std::string& text) {
     kv_literal_matcher matcher(text, level);
@@ -108,14 +100,7 @@ void plain_form(benchmark::State& state) {
   state.counters["times_plain"] = plain / fast;
 }
 
-struct family {
-  const char* name;
-  std::string_view begin;
-  std::string_view unit;
-  std::string_view end;
-};
-
-constexpr family kFamilies[] = {
+constexpr hostile_family kFamilies[] = {
     {"ampersands", "script", "&", ""},
     {"ampersands_before_semicolon", "script", "&", ";"},
     {"dense_references", "script", "&lt;b&gt;", ""},
@@ -149,15 +134,6 @@ constexpr family kFamilies[] = {
     {"srcdoc_positions", "script<a ", "srcdoc   ", ">"},
 };
 
-void doublings(benchmark::State& state, const family& hostile) {
-  measure_doublings(
-      state, 1 << 18,
-      [&hostile](std::size_t size) {
-        return repeated(hostile.begin, hostile.unit, size, hostile.end);
-      },
-      scan);
-}
-
 // Time per byte at 4 MB against 256 KB.
 void per_byte(benchmark::State& state) {
   const std::string small = page(1 << 18);
@@ -186,12 +162,6 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("image", image);
   benchmark::RegisterBenchmark("plain_form", plain_form)->Iterations(1);
   benchmark::RegisterBenchmark("per_byte", per_byte)->Iterations(3);
-  for (const family& hostile : kFamilies) {
-    benchmark::RegisterBenchmark((std::string("doublings/") + hostile.name).c_str(), doublings,
-                                 hostile)
-        ->Iterations(1);
-  }
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  register_hostile_families(kFamilies, scan);
+  return run_benchmarks(argc, argv);
 }

@@ -3,15 +3,19 @@
 // document of 1 MB, and no input for which twice the bytes take much more than twice the time.
 #include <benchmark/benchmark.h>
 
-#include <functional>
+#include <cstdlib>
+#include <memory_resource>
 #include <random>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "activecontent/PDFscan.h"
 #include "activecontent/kvactivecontent_detectors.h"
+#include "hostile_family.h"
 #include "memory_pass.h"
 #include "support/job_builder.h"
+#include "support/simd_levels.h"
+
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -24,6 +28,18 @@ void scan(const std::string& text) {
     std::abort();
   }
   benchmark::DoNotOptimize(reason);
+}
+
+constexpr kv_pdf_keyword_t kTable[] = {
+    {"/AcroForm", ""},   {"/AA", ""},        {"/JavaScript", ""}, {"/JS", ""},  {"/Launch", ""},
+    {"/OpenAction", ""}, {"/RichMedia", ""}, {"<?php", ""},       {"perl", ""}, {"", ""}};
+
+void scan_at(const std::string& text, kv_simd_level level) {
+  std::int32_t index = KV_PDF_NO_MATCH;
+  if (kv_pdf_scan_with(text.data(), text.size(), kTable, &index, level,
+                       *std::pmr::new_delete_resource()) != 0) {
+    std::abort();
+  }
 }
 
 // Pages with dictionaries, and streams of compressed data of up to 16 KB.
@@ -61,59 +77,43 @@ std::string objects(std::size_t size) {
   return text;
 }
 
-std::string repeated(std::string_view begin, std::string_view unit, std::size_t size,
-                     std::string_view end) {
-  std::string text(begin);
-  while (text.size() < size) {
-    text += unit;
-  }
-  return text + std::string(end);
+void pdf_text(benchmark::State& state, kv_simd_level level, std::string (*make)(std::size_t)) {
+  measure_share_of_copy(state, make(static_cast<std::size_t>(state.range(0))),
+                        [level](const std::string& text) { scan_at(text, level); });
 }
 
-void pdf_document(benchmark::State& state) {
-  measure_share_of_copy(state, document(static_cast<std::size_t>(state.range(0))), scan);
-}
-BENCHMARK(pdf_document)->Arg(32 << 10)->Arg(1 << 20)->Arg(8 << 20);
+const std::string kLongLine = std::string(4096, 'x') + " obj<<>>endobj\n";
 
-void pdf_small_objects(benchmark::State& state) {
-  measure_share_of_copy(state, objects(static_cast<std::size_t>(state.range(0))), scan);
-}
-BENCHMARK(pdf_small_objects)->Arg(1 << 20);
-
-using family = std::function<std::string(std::size_t)>;
-const std::vector<std::pair<const char*, family>> kFamilies{
-    {"endless_obj", [](std::size_t n) { return repeated("%\n", "obj", n, ""); }},
-    {"headers_without_endobj", [](std::size_t n) { return repeated("%\n", "1 0 obj\n", n, ""); }},
-    {"endless_endobj", [](std::size_t n) { return repeated("%\n", "\nendobj", n, ""); }},
-    {"one_long_line", [](std::size_t n) { return repeated("%\n", "x", n, " obj endobj"); }},
-    {"long_lines_between",
-     [](std::size_t n) {
-       return repeated("%\n", std::string(4096, 'x') + " obj<<>>endobj\n", n, "");
-     }},
-    {"almost_obj", [](std::size_t n) { return repeated("%\n", "obobjj", n, ""); }},
-    {"open_brackets", [](std::size_t n) { return repeated("%\n1 0 obj", "<", n, "endobj"); }},
-    {"bracket_pairs",
-     [](std::size_t n) { return repeated("%\n1 0 obj<<", "<<>>", n, ">>endobj"); }},
-    {"lone_brackets", [](std::size_t n) { return repeated("%\n1 0 obj", "<a>b", n, "endobj"); }},
-    {"zeros",
-     [](std::size_t n) {
-       return repeated("%\n1 0 obj<<", std::string_view("\0<", 2), n, ">>endobj");
-     }},
-    {"number_signs", [](std::size_t n) { return repeated("%\n1 0 obj<<", "#", n, ">>endobj"); }},
-    {"escapes", [](std::size_t n) { return repeated("%\n1 0 obj<<", "#41", n, ">>endobj"); }},
-    {"slashes", [](std::size_t n) { return repeated("%\n1 0 obj<<", "/j", n, ">>endobj"); }},
-    {"almost_keywords",
-     [](std::size_t n) { return repeated("%\n1 0 obj<<", "/JavaScrip/AcroFor", n, ">>endobj"); }},
-    {"upper_half", [](std::size_t n) { return repeated("%\n1 0 obj", "\xff", n, "endobj"); }},
+const hostile_family kFamilies[] = {
+    {"endless_obj", "%\n", "obj", ""},
+    {"headers_without_endobj", "%\n", "1 0 obj\n", ""},
+    {"endless_endobj", "%\n", "\nendobj", ""},
+    {"one_long_line", "%\n", "x", " obj endobj"},
+    {"long_lines_between", "%\n", kLongLine, ""},
+    {"almost_obj", "%\n", "obobjj", ""},
+    {"open_brackets", "%\n1 0 obj", "<", "endobj"},
+    {"bracket_pairs", "%\n1 0 obj<<", "<<>>", ">>endobj"},
+    {"lone_brackets", "%\n1 0 obj", "<a>b", "endobj"},
+    {"zeros", "%\n1 0 obj<<", "\0<"sv, ">>endobj"},
+    {"number_signs", "%\n1 0 obj<<", "#", ">>endobj"},
+    {"escapes", "%\n1 0 obj<<", "#41", ">>endobj"},
+    {"slashes", "%\n1 0 obj<<", "/j", ">>endobj"},
+    {"almost_keywords", "%\n1 0 obj<<", "/JavaScrip/AcroFor", ">>endobj"},
+    {"upper_half", "%\n1 0 obj", "\xff", "endobj"},
 };
-
-void pdf_family(benchmark::State& state) {
-  const auto& [name, make] = kFamilies[static_cast<std::size_t>(state.range(0))];
-  state.SetLabel(name);
-  measure_doublings(state, 256 << 10, make, scan);
-}
-BENCHMARK(pdf_family)->DenseRange(0, static_cast<int>(kFamilies.size()) - 1)->Iterations(1);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  for (const kv_simd_level level : available_simd_levels()) {
+    const std::string at = "/level_" + std::to_string(static_cast<int>(level));
+    benchmark::RegisterBenchmark(("document" + at).c_str(), pdf_text, level, document)
+        ->Arg(32 << 10)
+        ->Arg(1 << 20)
+        ->Arg(8 << 20);
+    benchmark::RegisterBenchmark(("small_objects" + at).c_str(), pdf_text, level, objects)
+        ->Arg(1 << 20);
+  }
+  register_hostile_families(kFamilies, scan);
+  return run_benchmarks(argc, argv);
+}
