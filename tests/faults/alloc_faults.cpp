@@ -101,4 +101,14 @@ int __wrap_json_object_object_add_ex(json_object* object, const char* key, json_
              : __real_json_object_object_add_ex(object, key, value, options);
 }
 
+json_tokener* __real_json_tokener_new_ex(int depth);
+json_tokener* __wrap_json_tokener_new_ex(int depth) {
+  return s_fails(fault_point::json_new_tokener) ? nullptr : __real_json_tokener_new_ex(depth);
+}
+
+int __real_gethostname(char* name, std::size_t size);
+int __wrap_gethostname(char* name, std::size_t size) {
+  return s_fails(fault_point::host_name) ? -1 : __real_gethostname(name, size);
+}
+
 }  // extern "C"

@@ -1,6 +1,6 @@
 #pragma once
-// Makes one call of an allocating function fail. Only programs linked with the matching --wrap
-// options (tests/faults) see it. One thread.
+// Makes one call of a function that can run out of something fail. Only programs linked with the
+// matching --wrap options (tests/faults) see it. One thread.
 
 #include <array>
 #include <string_view>
@@ -16,6 +16,8 @@ enum class fault_point {
   json_new_string,
   json_array_add,
   json_object_add,
+  json_new_tokener,
+  host_name,  // gethostname
   count
 };
 
