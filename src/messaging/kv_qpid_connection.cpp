@@ -281,7 +281,12 @@ void qpid_connection::drop_connection() {
     return;
   }
   connection_.close();
-  if (established_) {  // should the broker not answer the close
+  sender_reopens();  // should the broker not answer the close
+}
+
+// The connection gets as long as a new one to stand again.
+void qpid_connection::sender_reopens() {
+  if (established_) {
     established_ = false;
     give_up_ = kv_clock::now() + state_.options().connect_timeout;
     watch_attempt(attempt_);
@@ -324,16 +329,22 @@ void qpid_connection::on_connection_error(proton::connection& connection) {
 }
 
 // The broker may leave the socket open for a while; what is sent into it gets no outcome.
-void qpid_connection::on_connection_close(proton::connection&) {
-  kv_barrier(__func__, [&] { lost(); });
+void qpid_connection::on_connection_close(proton::connection& connection) {
+  kv_barrier(__func__, [&] {
+    sender_.blame_in_flight(connection.error());
+    lost();
+  });
 }
 
 void qpid_connection::on_session_error(proton::session& session) {
   on_error(session.error());
 }
 
-void qpid_connection::on_session_close(proton::session&) {
-  kv_barrier(__func__, [&] { drop_connection(); });
+void qpid_connection::on_session_close(proton::session& session) {
+  kv_barrier(__func__, [&] {
+    sender_.blame_in_flight(session.error());
+    drop_connection();
+  });
 }
 
 void qpid_connection::on_transport_error(proton::transport& transport) {

@@ -56,6 +56,7 @@ class qpid_connection : public proton::messaging_handler, public kv_qpid_link_ow
   // Container thread.
   void drop_connection() override;
   void sender_opened() override;
+  void sender_reopens() override;
 
   // Handlers, container thread.
   void on_connection_open(proton::connection& connection) override;

@@ -89,6 +89,7 @@ kv_outgoing s_build_request(const s_request& request, const proton::message_id& 
   kv_outgoing outgoing;
   outgoing.bytes = kv_encode_message(message, request.message->json, s_lent_data(*request.message));
   outgoing.to = request.service;
+  outgoing.identity = kv_message_id_key(id);
   return outgoing;
 }
 

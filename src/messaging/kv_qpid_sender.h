@@ -3,7 +3,8 @@
 // Application threads put encoded messages, and the fate of requests that are done with, into an
 // outbox; one job on the connection's work queue empties it, together with the credit that the
 // receivers owe. A message that answers a request carries the request along: when the broker has
-// accepted the answer, the request is accepted.
+// accepted the answer, the request is accepted. Messages are kept until the broker has given them
+// an outcome: when it closes the link alone, they go out again on the next one.
 
 #include <proton/messaging_handler.hpp>
 #include <proton/sender.hpp>
@@ -14,12 +15,13 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "messaging/kv_qpid_state.h"
+#include "messaging/kv_qpid_suspects.h"
 
 class qpid_receiver;
 
@@ -39,7 +41,8 @@ struct kv_request_ref {
 // One entry of the outbox.
 struct kv_outgoing {
   std::vector<char> bytes;                    // the encoded message; empty: settle the request only
-  std::string to;                             // where it goes, for the log
+  std::string to;                             // where it goes
+  std::string identity;                       // of the request that it is or answers
   kv_clock::time_point deadline;              // a message is not sent after it
   kv_request_ref request;                     // what the message answers
   kv_outcome outcome = kv_outcome::accepted;  // of the request, without a message
@@ -71,6 +74,8 @@ class qpid_sender : public proton::messaging_handler {
   void open(proton::connection& connection);
   // The connection is gone: forget everything that belonged to it.
   void lost();
+  // The broker ended what the messages in flight travelled on.
+  void blame_in_flight(const proton::error_condition& condition);
   // Called with every job; set once before the first connection.
   void on_flush(std::function<void()> job) { serve_receivers_ = std::move(job); }
 
@@ -87,9 +92,12 @@ class qpid_sender : public proton::messaging_handler {
   void on_error(const proton::error_condition& condition) override;
 
  private:
-  struct sent_message {
-    std::string to;
-    kv_request_ref request;
+  // How far a message has come.
+  enum class progress {
+    done,         // it is with Proton, or needs not go out
+    begun,        // a portion is with Proton, and the next can follow
+    socket_full,  // the last portion has not left yet
+    held,         // for credit, or for the outcome of another
   };
 
   template <class Done>
@@ -99,13 +107,22 @@ class qpid_sender : public proton::messaging_handler {
   void flush();
   void take_outbox();
   void send_pending();
-  // False when the message needs another turn.
-  bool flush_one(kv_outgoing& message);
-  bool transmit(kv_outgoing& message);
-  void go_on_soon();
+  void drop_what_is_over();
+  [[nodiscard]] progress flush_one(kv_outgoing& message);
+  [[nodiscard]] bool is_over(const kv_outgoing& message);
+  [[nodiscard]] bool must_wait(const kv_outgoing& message);
+  void begin();
+  [[nodiscard]] progress transmit(kv_outgoing& message);
+  void go_on(progress reached);
+  void go_on_later(kv_ms delay);
+  void pop_front();
   [[nodiscard]] bool is_current(const kv_request_ref& request) const;
   void settle_request(const kv_request_ref& request, kv_outcome outcome);
   void finish(proton::tracker& tracker, const char* refusal);
+  void end_message(const kv_outgoing& message, const char* refusal);
+  void finish_unsent_rest(proton::tracker& tracker, const char* refusal);
+  void take_back();
+  void link_closed(proton::sender& sender);
 
   kv_qpid_state& state_;
   kv_qpid_link_owner& owner_;
@@ -114,12 +131,17 @@ class qpid_sender : public proton::messaging_handler {
   // Container thread only.
   proton::sender sender_;
   std::uint64_t next_tag_ = 0;
-  std::unordered_map<std::uint64_t, sent_message> by_tag_;  // sent, outcome still to come
-  std::vector<kv_outgoing> batch_;                          // just taken from the outbox
-  std::deque<kv_outgoing> pending_;  // messages in the order in which they go out
-  std::size_t front_sent_ = 0;       // bytes of the front message handed to Proton so far
-  bool front_blocked_ = false;       // the last portion still waits for the socket
-  bool reconnected_ = false;         // the link has been open before
+  std::map<std::uint64_t, kv_outgoing> by_tag_;  // sent, outcome still to come; by age
+  std::vector<kv_outgoing> batch_;               // just taken from the outbox
+  std::deque<kv_outgoing> pending_;              // messages in the order in which they go out
+  std::size_t front_sent_ = 0;  // bytes of the front message handed to Proton so far
+  kv_qpid_suspects suspects_;
+  std::uint64_t lonely_tag_ = 0;          // of a suspect in flight; 0: none
+  kv_clock::time_point last_progress_{};  // a message went out or got its outcome
+  std::uint64_t timer_ = 0;               // number of the pending timer
+  bool timer_pending_ = false;
+  int closed_links_ = 0;      // of this connection
+  bool reconnected_ = false;  // the link has been open before
 
   // Shared, under the mutex.
   mutable std::mutex mutex_;

@@ -1,5 +1,6 @@
 // The threads that serve requests.
 #define KV_LOG_UNIT "kv_qpid_proton_mt_interface"
+#include <exception>
 #include <string_view>
 
 #include "logging/log-helper.h"
@@ -67,6 +68,7 @@ void s_send_reply(kv_qpid_transport& transport, const std::string& service,
   kv_outgoing outgoing;
   outgoing.bytes = s_encode_reply(request, reply, id, time_to_live);
   outgoing.to = request.reply_to;
+  outgoing.identity = kv_message_id_key(request.id);
   outgoing.request = ref;
   outgoing.deadline = kv_clock::now() + time_to_live;
   transport.connection.sender().send(std::move(outgoing));
@@ -91,9 +93,11 @@ void s_answer(kv_qpid_transport& transport, const std::string& service,
     sender.settle(ref, kv_outcome::accepted);
     return;
   }
-  const bool enqueued = kv_barrier("kv_qpid_handler_thread_mt",
-                                   [&] { s_send_reply(transport, service, request, reply, ref); });
-  if (!enqueued) {
+  try {
+    s_send_reply(transport, service, request, reply, ref);
+  } catch (const std::exception& error) {
+    KV_LOG_WARN("Reply to '%s' not sent: %s. Its request is delivered again",
+                request.reply_to.c_str(), error.what());
     sender.settle(ref, kv_outcome::modified);
   }
 }

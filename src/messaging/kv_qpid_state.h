@@ -58,12 +58,14 @@ struct kv_qpid_state {
   [[nodiscard]] const kv_qpid_options& options() const { return params.options; }
 };
 
-// The one way back from every failed link: the connection is closed and made again.
+// What links ask of the connection, on the container thread.
 class kv_qpid_link_owner {
  public:
-  // Both on the container thread.
+  // The way back from a failed link: the connection is closed and made again.
   virtual void drop_connection() = 0;
   virtual void sender_opened() = 0;
+  // The sender opens another link on the same connection.
+  virtual void sender_reopens() = 0;
 
  protected:
   ~kv_qpid_link_owner() = default;
