@@ -21,6 +21,7 @@
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
+#include "messaging/kv_qpid_empty_delivery.h"
 
 namespace {
 
@@ -83,6 +84,7 @@ qpid_connection::qpid_connection(kv_qpid_state& state, kv_qpid_receivers& receiv
 // causes one each time from being flooded.
 void qpid_connection::run() {
   state_.container_thread = std::this_thread::get_id();
+  kv_qpid_watch_deliveries();
   while (!state_.stopping.load()) {
     kv_barrier(__func__, [&] { run_container(); });
     if (!state_.stopping.load()) {

@@ -1,6 +1,7 @@
 #define KV_LOG_UNIT "kv_qpid_proton_mt_interface"
 #include "messaging/kv_qpid_receiver.h"
 
+#include <proton/link.h>
 #include <proton/connection.hpp>
 #include <proton/error_condition.hpp>
 #include <proton/receiver_options.hpp>
@@ -12,6 +13,7 @@
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
+#include "messaging/kv_qpid_c_objects.h"
 
 namespace {
 
@@ -172,8 +174,9 @@ void qpid_receiver::open(proton::connection& connection) {
     linked_ = true;
   }
   KV_LOG_DEBUG("Opening receiver on address '%s'", address_.c_str());
-  connection.open_receiver(
+  const proton::receiver receiver = connection.open_receiver(
       address_, proton::receiver_options().handler(*this).credit_window(0).auto_accept(false));
+  pn_link_set_context(kv_receiver_link(receiver), this);
 }
 
 void qpid_receiver::serve() {
@@ -338,6 +341,12 @@ void qpid_receiver::on_message(proton::delivery& delivery, proton::message& mess
   if (!kept) {
     static_cast<void>(kv_barrier(__func__, [&] { delivery.modify(); }));
   }
+}
+
+void qpid_receiver::on_empty_delivery() {
+  assert(state_.on_container_thread());
+  KV_LOG_WARN("Message without content on address '%s', accepting it unhandled", address_.c_str());
+  owe_credit(1);
 }
 
 void qpid_receiver::on_receiver_drain_finish(proton::receiver&) {

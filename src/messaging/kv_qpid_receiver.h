@@ -57,6 +57,8 @@ class qpid_receiver : public proton::messaging_handler {
   void settle(std::uint64_t sequence, kv_outcome outcome);
   // The connection is gone: its requests come again, its deliveries are dead.
   void lost();
+  // A delivery without a single byte has come. It is settled by the caller.
+  void on_empty_delivery();
 
   // Handlers, container thread.
   void on_connection_open(proton::connection& connection) override;
