@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "logging/kv_log.h"
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -59,7 +59,7 @@ class dispatcher : public testing::Test {
  protected:
   void SetUp() override {
     current_broker = &broker_;
-    run_ = folder_ / "run";
+    run_ = folder_.file("run");
   }
   void TearDown() override { stop(); }
 
@@ -92,7 +92,7 @@ class dispatcher : public testing::Test {
   }
 
   broker_double broker_;
-  temp_folder folder_;
+  temp_dir folder_;
   std::string run_;
   kv_amqp_config config_{};
   kv_log_dispatcher* dispatcher_ = nullptr;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common/kv_json.h"
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -54,7 +54,7 @@ class event_log : public testing::Test {
     return kv_json_ptr{json_tokener_parse(queued(type).c_str())};
   }
 
-  temp_folder folder_;
+  temp_dir folder_;
   kv_pqueue_ptr queue_;
 };
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -58,9 +58,9 @@ class kv_pqueue : public testing::Test {
     const kv_pqueue_data_ptr entry{kv_pqueue_pop(queue.get(), type)};
     return entry ? std::string(reinterpret_cast<const char*>(entry->data), entry->size) : "<none>";
   }
-  [[nodiscard]] std::string data() const { return folder_ / "q/data"; }
+  [[nodiscard]] std::string data() const { return folder_.file("q/data"); }
 
-  temp_folder folder_;
+  temp_dir folder_;
 };
 
 }  // namespace
@@ -70,9 +70,9 @@ TEST_F(kv_pqueue, CreationLaysOutDirectoriesAndControlFile) {
   const mode_t before = umask(022);
   const kv_pqueue_ptr queue = open_queue(O_CREAT, 10000, 50000000, 1);
   ASSERT_TRUE(queue);
-  EXPECT_EQ(read_file(folder_ / "q/control"), "10000\n50000000\n1\n");
+  EXPECT_EQ(read_file(folder_.file("q/control")), "10000\n50000000\n1\n");
   struct stat status {};
-  ASSERT_EQ(stat((folder_ / "q").c_str(), &status), 0);
+  ASSERT_EQ(stat(folder_.file("q").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0770U);
   ASSERT_EQ(stat(data().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0770U);
@@ -123,7 +123,7 @@ TEST_F(kv_pqueue, AMissingQueueIsMadeOnlyWithoutForeignFlags) {
 }
 
 TEST_F(kv_pqueue, AFileInTheQueuesPlaceIsRefused) {
-  write_file(folder_ / "q", "not a directory");
+  write_file(folder_.file("q"), "not a directory");
   const trace_capture trace;
   EXPECT_FALSE(open_queue());
   EXPECT_EQ(trace.count("ERROR", "not writable - check permissions"), 1);
@@ -146,7 +146,7 @@ TEST_F(kv_pqueue, ANullNameIsRefused) {
 
 TEST_F(kv_pqueue, ADamagedControlFileLeavesTheCallersLimits) {
   static_cast<void>(open_queue());
-  const std::string control = folder_ / "q/control";
+  const std::string control = folder_.file("q/control");
   for (const std::string text : {"", "5\n", "5\n600\n"}) {
     write_file(control, text);
     const trace_capture trace;
@@ -165,7 +165,7 @@ TEST_F(kv_pqueue, ADamagedControlFileLeavesTheCallersLimits) {
 
 // As a process leaves it that is killed while it makes or purges the queue.
 TEST_F(kv_pqueue, AHalfMadeQueueIsCompleted) {
-  const std::string control = folder_ / "q/control";
+  const std::string control = folder_.file("q/control");
   for (const std::string& missing : {control, data()}) {
     static_cast<void>(open_queue());
     fs::remove(missing);
@@ -174,7 +174,7 @@ TEST_F(kv_pqueue, AHalfMadeQueueIsCompleted) {
     EXPECT_EQ(push(queue, 'L', "text"), 0) << missing;
     EXPECT_EQ(kv_pqueue_lock(queue.get()), 0) << missing;
     EXPECT_EQ(read_file(control), "100\n100000\n1\n");
-    fs::remove_all(folder_ / "q");
+    fs::remove_all(folder_.file("q"));
   }
 }
 
@@ -190,7 +190,7 @@ TEST_F(kv_pqueue, AFailedCreationLeavesNothingBehind) {
   umask(mask);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
   signal(SIGXFSZ, handler);
-  EXPECT_FALSE(fs::exists(folder_ / "q"));
+  EXPECT_FALSE(fs::exists(folder_.file("q")));
   EXPECT_TRUE(open_queue());
 }
 
@@ -389,7 +389,7 @@ TEST_F(kv_pqueue, UnlockingWhatIsNotLockedFails) {
 TEST_F(kv_pqueue, LockNeedsItsControlFile) {
   const trace_capture trace;
   const kv_pqueue_ptr queue = open_queue();
-  fs::remove(folder_ / "q/control");
+  fs::remove(folder_.file("q/control"));
   EXPECT_EQ(kv_pqueue_lock(queue.get()), -1);
   EXPECT_EQ(trace.count("ERROR", "Failed to open "), 1);
 }
@@ -398,12 +398,12 @@ TEST_F(kv_pqueue, PurgeEmptiesTheQueueAndRewritesItsControlFile) {
   const kv_pqueue_ptr queue = open_queue(O_CREAT, 9, 900, 2);
   ASSERT_EQ(push(queue, 'L', "gone"), 0);
   write_file(data() + "/temp_Lhalf.dat", "gone too");
-  write_file(folder_ / "q/control", "rubbish");
+  write_file(folder_.file("q/control"), "rubbish");
   ASSERT_EQ(kv_pqueue_purge(queue.get()), 0);
   EXPECT_EQ(file_count(data()), 0u);
   EXPECT_EQ(queue->entry_count, 0);
   EXPECT_EQ(queue->byte_count, 0);
-  EXPECT_EQ(read_file(folder_ / "q/control"), "9\n900\n2\n");
+  EXPECT_EQ(read_file(folder_.file("q/control")), "9\n900\n2\n");
   EXPECT_EQ(kv_pqueue_lock(queue.get()), 0) << "the queue is not left locked";
   EXPECT_EQ(kv_pqueue_unlock(queue.get()), 0);
   EXPECT_EQ(kv_pqueue_purge(nullptr), -1);

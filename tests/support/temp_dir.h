@@ -1,5 +1,5 @@
 #pragma once
-// A temporary folder for the life of the object.
+// A temporary folder for the life of the object, removed with everything in it.
 
 #include <cstdlib>
 #include <filesystem>
@@ -10,13 +10,15 @@
 
 class temp_dir {
  public:
-  temp_dir() : path_("/tmp/kv-test-XXXXXX") {
+  temp_dir() : path_((std::filesystem::temp_directory_path() / "kv-test-XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr) {
       throw std::runtime_error("no temporary folder");
     }
   }
   ~temp_dir() {
     std::error_code ignored;
+    // A test may have taken the right to write into it.
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
     std::filesystem::remove_all(path_, ignored);
   }
   temp_dir(const temp_dir&) = delete;

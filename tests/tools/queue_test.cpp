@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "logging/kv_pqueue.h"
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ class queue_program : public testing::Test {
     }
     return {WEXITSTATUS(pclose(pipe)), output};
   }
-  [[nodiscard]] std::string queue() const { return folder_ / "q"; }
+  [[nodiscard]] std::string queue() const { return folder_.file("q"); }
   [[nodiscard]] long entries() const {
     kv_pqueue_stat_t stat{};
     return kv_pqueue_get_stat(queue_.get(), &stat) == 0 ? stat.entries : -1;
@@ -59,7 +59,7 @@ class queue_program : public testing::Test {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   }
 
-  temp_folder folder_;
+  temp_dir folder_;
   kv_pqueue_ptr queue_;
 };
 

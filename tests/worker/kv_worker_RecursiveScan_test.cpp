@@ -16,7 +16,7 @@
 
 #include "common/kv_json.h"
 #include "messaging/kv_shm.h"
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -596,18 +596,18 @@ TEST_F(recursive_scan, WithoutAFreeSlotTheBudgetRunsOut) {
 }
 
 TEST(latest_dir, FollowsTheNumberOrTheDefault) {
-  const temp_folder folder;
+  const temp_dir folder;
   std::array<char, KV_LATEST_DIR_SIZE> out{};
   const auto latest = [&] {
     EXPECT_EQ(kvworker_getLatestDir(folder.path().c_str(), out.data()), 0);
     return std::string(out.data());
   };
-  EXPECT_EQ(latest(), folder / "default");
+  EXPECT_EQ(latest(), folder.file("default"));
   for (const auto& [text, expected] : {std::pair{"1700000000\n", "1700000000"},
                                        {"0", "default"},
                                        {"-4", "default"},
                                        {"abc", "default"}}) {
-    std::ofstream(folder / "latest.tms") << text;
-    EXPECT_EQ(latest(), folder / expected) << text;
+    std::ofstream(folder.file("latest.tms")) << text;
+    EXPECT_EQ(latest(), folder.file(expected)) << text;
   }
 }

@@ -7,7 +7,7 @@
 #include "common/kv_json.h"
 #include "logging/kv_log.h"
 #include "process_fixture.h"
-#include "support/temp_folder.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ class worker_events : public process_fixture {
            std::to_string(getpid());
   }
 
-  temp_folder folder;
+  temp_dir folder;
   kv_log_dispatcher dispatcher{config->amqp, nullptr, {0}, 0, nullptr};
 };
 
