@@ -19,6 +19,7 @@
 #include "common/kv_archive_filters.h"
 #include "support/archive_writer.h"
 #include "support/cfb_writer.h"
+#include "support/hostile_archives.h"
 #include "support/job_builder.h"
 
 namespace {
@@ -283,6 +284,16 @@ std::string s_empty_gzip_members(std::size_t n) {
   return compress_bytes(all, "gzip");
 }
 
+std::string s_members_of_7z(std::size_t n) {
+  return archive_7z(header_7z_of_members(n, "a"));
+}
+std::string s_files_of_cd_image(std::size_t n) {
+  return cd_image(n);
+}
+std::string s_map_of_sparse_tar(std::size_t n) {
+  return tar_sparse_member(n * 10);
+}
+
 template <family Make>
 void BM_archive_family_doubled(benchmark::State& state) {
   const std::string one = Make(static_cast<std::size_t>(state.range(0)));
@@ -296,6 +307,9 @@ ARCHIVE_FAMILY(s_many_members);
 ARCHIVE_FAMILY(s_nameless_members);
 ARCHIVE_FAMILY(s_nested_gzip);
 ARCHIVE_FAMILY(s_empty_gzip_members);
+ARCHIVE_FAMILY(s_members_of_7z);
+ARCHIVE_FAMILY(s_files_of_cd_image);
+ARCHIVE_FAMILY(s_map_of_sparse_tar);
 
 // Texts on which the expressions alone, or a search that looks back, would be slow.
 std::string s_fields_without_end(std::size_t n) {

@@ -25,7 +25,9 @@ class kv_archive_budget {
   static constexpr std::uint64_t kAlwaysAllowed = std::uint64_t{64} << 20;
 
   kv_archive_budget(std::size_t object_length, kv_time_source time)
-      : time_(time), limit_(std::max(kAlwaysAllowed, object_length * kGain)) {}
+      : time_(time),
+        limit_(std::max(kAlwaysAllowed, object_length * kGain)),
+        allowance_(kAlwaysAllowed + std::uint64_t{3} * object_length) {}
 
   // Tested after each block and each header: false once the walk must end. unpacked is what one
   // source of bytes (a filter, or the members) has given so far.
@@ -41,10 +43,14 @@ class kv_archive_budget {
   }
   // The walk costs too much for another reason.
   void exhaust() { cut_ = cut_ == kv_archive_cut::none ? kv_archive_cut::size : cut_; }
+  // What the library may hold in memory for the object, in bytes; also the steps that it may spend
+  // on searches of its own whose cost grows with the square of what they search.
+  [[nodiscard]] std::uint64_t allowance() const { return allowance_; }
   [[nodiscard]] kv_archive_cut cut() const { return cut_; }
 
  private:
   kv_time_source time_;
   std::uint64_t limit_;
+  std::uint64_t allowance_;
   kv_archive_cut cut_ = kv_archive_cut::none;
 };

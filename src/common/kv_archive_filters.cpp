@@ -138,46 +138,6 @@ class filter_source final : public kv_block_source {
   bool ended_ = false;
 };
 
-// The compressed table of contents of a xar archive as a gzip file: both hold a deflate stream,
-// behind headers of their own.
-class contents_source final : public kv_block_source {
- public:
-  explicit contents_source(bytes deflated) : deflated_(deflated) {}
-  ssize_t next(const void** block) override {
-    static constexpr std::array<std::uint8_t, 10> kHeader{0x1F, 0x8B, 8, 0, 0, 0, 0, 0, 0, 3};
-    const bytes piece = started_ ? deflated_ : bytes{kHeader};
-    deflated_ = started_ ? bytes{} : deflated_;
-    started_ = true;
-    *block = piece.data();
-    return static_cast<ssize_t>(piece.size());
-  }
-
- private:
-  bytes deflated_;
-  bool started_ = false;
-};
-
-// How much a deflate stream gives, as far as it matters whether that is more than a bound.
-std::uint64_t s_unpacked_length(bytes deflated, std::uint64_t bound, kv_archive_budget& budget) {
-  filter_source contents{std::make_unique<contents_source>(deflated), budget};
-  std::uint64_t unpacked = 0;
-  const void* block = nullptr;
-  if (contents.open(ARCHIVE_FILTER_GZIP)) {
-    for (ssize_t got = 0; unpacked <= bound && (got = contents.next(&block)) > 0;) {
-      unpacked += static_cast<std::uint64_t>(got);
-    }
-  }
-  return unpacked;
-}
-
-std::uint64_t s_big64(bytes value) {
-  std::uint64_t number = 0;
-  for (const std::uint8_t byte : value.first(8)) {
-    number = number << 8 | byte;
-  }
-  return number;
-}
-
 // The filters of the library save uuencode and those that start programs.
 void s_offer_binary_filters(archive* handle) {
   archive_read_support_filter_bzip2(handle);
@@ -306,40 +266,18 @@ bool kv_may_be_filtered(std::span<const std::uint8_t> object) {
   return s_may_be_binary_filtered(object) || s_may_be_text_encoded(object);
 }
 
-bool kv_xar_contents_fit(std::span<const std::uint8_t> start, bool is_whole, std::size_t length,
-                         kv_archive_budget& budget) {
-  constexpr std::string_view kMagic = "xar!";
-  constexpr std::size_t kHeader = 28;
-  constexpr std::size_t kZlibHeader = 2;
-  if (start.size() < kHeader || !std::equal(kMagic.begin(), kMagic.end(), start.begin())) {
-    return true;
-  }
-  const std::size_t contents = (static_cast<std::size_t>(start[4]) << 8 | start[5]) + kZlibHeader;
-  const std::uint64_t packed = s_big64(start.subspan(8));
-  if (contents >= start.size() || packed <= kZlibHeader) {
-    return true;
-  }
-  const bytes rest = start.subspan(contents);
-  if (!is_whole && packed > rest.size()) {
-    budget.exhaust();
-    return false;
-  }
-  // What the library keeps of a table is up to ten times its length.
-  const std::uint64_t most = (kv_archive_budget::kAlwaysAllowed + std::uint64_t{3} * length) / 10;
-  if (s_unpacked_length(rest.first(std::min<std::uint64_t>(rest.size(), packed - kZlibHeader)),
-                        most, budget) > most) {
-    budget.exhaust();
-  }
-  return budget.cut() == kv_archive_cut::none;
+std::unique_ptr<kv_block_source> kv_gunzip(std::unique_ptr<kv_block_source> packed,
+                                           kv_archive_budget& budget) {
+  auto layer = std::make_unique<filter_source>(std::move(packed), budget);
+  return layer->open(ARCHIVE_FILTER_GZIP) ? std::move(layer) : nullptr;
 }
 
 ssize_t kv_peek_source::next(const void** block) {
-  if (!replayed_) {
-    replayed_ = true;
-    if (!kept_.empty()) {
-      *block = kept_.data();
-      return static_cast<ssize_t>(kept_.size());
-    }
+  if (replayed_ < kept_.size()) {
+    const std::size_t piece = std::min(kBlock, kept_.size() - replayed_);
+    *block = kept_.data() + replayed_;
+    replayed_ += piece;
+    return static_cast<ssize_t>(piece);
   }
   if (pending_ > 0) {
     pending_ = upstream_->next(block);

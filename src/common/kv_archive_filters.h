@@ -43,18 +43,16 @@ class kv_peek_source : public kv_block_source {
  private:
   std::unique_ptr<kv_block_source> upstream_;
   std::string kept_;
-  ssize_t pending_ = 1;  // what the last read behind the kept bytes answered
-  bool replayed_ = false;
+  ssize_t pending_ = 1;       // what the last read behind the kept bytes answered
+  std::size_t replayed_ = 0;  // of the kept bytes
 };
 
 // False when no filter can take the object, judged by its first bytes: most objects need no search.
 [[nodiscard]] bool kv_may_be_filtered(std::span<const std::uint8_t> object);
 
-// False when the table of contents of a xar archive unpacks to more than it may: the library builds
-// all of it in memory, in one call, before the first member. True for anything else. start may be
-// less than the whole archive; length is that of the object which it came in.
-[[nodiscard]] bool kv_xar_contents_fit(std::span<const std::uint8_t> start, bool is_whole,
-                                       std::size_t length, kv_archive_budget& budget);
+// What a gzip stream unpacks to; null when it does not begin as one.
+[[nodiscard]] std::unique_ptr<kv_block_source> kv_gunzip(std::unique_ptr<kv_block_source> packed,
+                                                         kv_archive_budget& budget);
 
 // How taking the layers off ended.
 enum class kv_filter_result { none, filtered, refused };

@@ -3,16 +3,17 @@
 #include <locale.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+
+#include "common/kv_archive_guards.h"
 
 namespace {
 
 // Beyond this an mtree list is not looked for: reading one is worse than linear in the library.
 constexpr std::size_t kMostTreeList = std::size_t{64} << 10;
-// As much of an unpacked object is kept to look at the contents of a xar archive.
+// As much of an unpacked object is kept to look at an archive's table of contents.
 constexpr std::size_t kContentsReach = std::size_t{4} << 20;
 constexpr std::size_t kBlock = std::size_t{256} << 10;
 constexpr std::int64_t kMostMember = std::numeric_limits<std::int32_t>::max();
@@ -36,14 +37,6 @@ class utf8_scope {
   }
   locale_t before_;
 };
-
-la_ssize_t s_pull(archive* handle, void* source, const void** block) {
-  const ssize_t length = static_cast<kv_block_source*>(source)->next(block);
-  if (length < 0) {
-    archive_set_error(handle, EIO, "The compressed data cannot be read");
-  }
-  return length;
-}
 
 // In the library's own order, which decides between equal bids. mtree is offered apart.
 void s_offer_formats(archive* handle) {
@@ -124,7 +117,7 @@ bool kv_archive_walk::open() {
   const utf8_scope names;
   switch (filters_.open(object_, budget_)) {
     case kv_filter_result::none:
-      return kv_xar_contents_fit(object_, true, object_.size(), budget_) &&
+      return kv_archive_contents_fit({object_, true}, budget_) &&
              (open_plain() || open_tree_list());
     case kv_filter_result::filtered:
       return filtered_contents_fit() && open_filtered();
@@ -134,13 +127,11 @@ bool kv_archive_walk::open() {
 }
 
 bool kv_archive_walk::filtered_contents_fit() {
-  constexpr std::string_view kMagic = "xar!";
-  const auto magic = filters_.source().peek(kMagic.size());
-  if (magic.size() < kMagic.size() || !std::equal(kMagic.begin(), kMagic.end(), magic.begin())) {
+  if (!kv_archive_needs_guard({filters_.source().peek(kGuardMagic), false})) {
     return true;
   }
   const auto start = filters_.source().peek(kContentsReach);
-  return kv_xar_contents_fit(start, start.size() < kContentsReach, object_.size(), budget_);
+  return kv_archive_contents_fit({start, start.size() < kContentsReach}, budget_);
 }
 
 bool kv_archive_walk::open_plain() {
@@ -149,6 +140,9 @@ bool kv_archive_walk::open_plain() {
     return false;
   }
   s_offer_formats(handle_.get());
+  if (kv_archive_input::suits(object_)) {
+    return input_.open(handle_.get(), object_);
+  }
   return archive_read_open_memory(handle_.get(), object_.data(), object_.size()) == ARCHIVE_OK;
 }
 
@@ -159,8 +153,7 @@ bool kv_archive_walk::open_filtered() {
     return false;
   }
   s_offer_formats(handle_.get());
-  return archive_read_open(handle_.get(), static_cast<kv_block_source*>(&filters_.source()),
-                           nullptr, s_pull, nullptr) == ARCHIVE_OK;
+  return input_.open(handle_.get(), filters_.source());
 }
 
 // An mtree list describes files by name. Everything else has been refused by now, so that a line of
@@ -181,13 +174,33 @@ bool kv_archive_walk::open_tree_list() {
   return true;
 }
 
+int kv_archive_walk::read_header() {
+  input_.begin_header();
+  const int result = archive_read_next_header(handle_.get(), &entry_);
+  input_.end_header();
+  return result;
+}
+
+// The library keeps each member of a cpio archive that has further links, and goes through all of
+// them at each such member.
+void kv_archive_walk::count_links() {
+  const int format = archive_format(handle_.get()) & ARCHIVE_FORMAT_BASE_MASK;
+  if (format != ARCHIVE_FORMAT_CPIO || archive_entry_nlink(entry_) < 2) {
+    return;
+  }
+  linked_ += 1;
+  if (linked_ * linked_ / 2 > budget_.allowance()) {
+    budget_.exhaust();
+  }
+}
+
 bool kv_archive_walk::next() {
   const utf8_scope names;
   for (int retries = 0; retries < kMostRetries; ++retries) {
     if (!leave_member()) {
       return false;
     }
-    const int result = archive_read_next_header(handle_.get(), &entry_);
+    const int result = read_header();
     if (!budget_.allows(members_given_)) {
       return false;
     }
@@ -199,6 +212,7 @@ bool kv_archive_walk::next() {
     }
     in_member_ = true;
     member_was_read_ = false;
+    count_links();
     const char* path = archive_entry_pathname(entry_);
     name_ = path != nullptr ? path : raw_zip_name();
     return cut() == kv_archive_cut::none;

@@ -16,6 +16,7 @@
 
 #include "common/kv_archive_budget.h"
 #include "common/kv_archive_filters.h"
+#include "common/kv_archive_input.h"
 #include "common/kv_guard.h"
 
 // The bytes of one member, with a zero behind them. Grows with the bytes that really come.
@@ -43,6 +44,8 @@ enum class kv_member_read {
 class kv_archive_walk {
  public:
   explicit kv_archive_walk(std::span<const std::uint8_t> object, kv_time_source time = {});
+  kv_archive_walk(const kv_archive_walk&) = delete;  // the library keeps addresses of its parts
+  kv_archive_walk& operator=(const kv_archive_walk&) = delete;
 
   // False when the object is no archive, or the budget is spent.
   [[nodiscard]] bool open();
@@ -65,6 +68,8 @@ class kv_archive_walk {
   [[nodiscard]] bool open_filtered();
   [[nodiscard]] bool open_tree_list();
   [[nodiscard]] bool leave_member();
+  [[nodiscard]] int read_header();
+  void count_links();
   [[nodiscard]] bool skip_unpacks() const;
   [[nodiscard]] bool drain();
   [[nodiscard]] std::string zip_names_between(std::size_t first, std::size_t data);
@@ -74,6 +79,7 @@ class kv_archive_walk {
   std::span<const std::uint8_t> object_;
   kv_archive_budget budget_;
   kv_filter_chain filters_;
+  kv_archive_input input_{budget_};
   kv_archive_ptr handle_;
   archive_entry* entry_ = nullptr;  // owned by the handle
   bool filtered_ = false;
@@ -81,5 +87,6 @@ class kv_archive_walk {
   bool member_was_read_ = false;
   std::uint64_t members_given_ = 0;   // bytes of members read so far
   std::uint64_t headers_sought_ = 0;  // bytes searched for raw names so far
+  std::uint64_t linked_ = 0;          // members of a cpio archive that have further links
   std::string name_;
 };
