@@ -149,7 +149,7 @@ void s_send_receive(kv_qpid_transport& transport, const s_request& request, kv_m
 
 // A request that ends with the process is given up, which is no error.
 void s_log_failure(const char* text, char* error_text) {
-  const int level = kv_amqp_stop_requested() ? KV_LOG_LEVEL_DEBUG : KV_LOG_LEVEL_ERROR;
+  const std::uint32_t level = kv_amqp_stop_requested() ? KV_LOG_LEVEL_DEBUG : KV_LOG_LEVEL_ERROR;
   KV_LOG_AS(level, "kv_qpid_send_receive_mt", "%s", text);
   if (error_text != nullptr) {
     std::snprintf(error_text, KV_ERROR_TEXT_SIZE, "%s", text);
@@ -216,7 +216,8 @@ void s_deinit(kv_qpid_transport& transport) {
 qpid_receiver& kv_qpid_get_receiver(kv_qpid_transport& transport, const std::string& address) {
   bool is_new = false;
   qpid_receiver& receiver = transport.receivers.get(address, [&] {
-    KV_LOG_DEBUG("Getting qpid-proton receiver for service '%s'", address.c_str());
+    KV_LOG_AS(KV_LOG_LEVEL_DEBUG, "kv_qpid_get_receiver",
+              "Getting qpid-proton receiver for service '%s'", address.c_str());
     is_new = true;
     return std::make_unique<qpid_receiver>(transport.state, transport.connection,
                                            transport.connection.sender(), address);

@@ -326,10 +326,10 @@ void qpid_receiver::on_receiver_open(proton::receiver& receiver) {
 
 void qpid_receiver::on_message(proton::delivery& delivery, proton::message& message) {
   assert(state_.on_container_thread());
+  KV_LOG_DEBUG("Received message on address '%s' (credit %d)", address_.c_str(),
+               receiver_.credit());
   const bool kept = kv_barrier(__func__, [&] {
     credit_seen_ = static_cast<std::uint32_t>(std::max(receiver_.credit(), 0));
-    KV_LOG_DEBUG("Received message on address '%s' (credit %d)", address_.c_str(),
-                 receiver_.credit());
     if (stop_begun_) {
       delivery.release();
     } else if (takes_replies_) {

@@ -14,6 +14,7 @@
 #include <cassert>
 #include <cstring>
 #include <limits>
+#include <ranges>
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
@@ -288,8 +289,8 @@ void qpid_sender::blame_in_flight(const proton::error_condition& condition) {
 // What has no outcome goes out again, in the same order.
 void qpid_sender::take_back() {
   const int count = static_cast<int>(by_tag_.size());
-  for (auto sent = by_tag_.rbegin(); sent != by_tag_.rend(); ++sent) {
-    pending_.push_front(std::move(sent->second));
+  for (auto& [tag, message] : by_tag_ | std::views::reverse) {
+    pending_.push_front(std::move(message));
   }
   by_tag_.clear();
   front_sent_ = 0;

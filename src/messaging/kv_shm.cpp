@@ -32,7 +32,7 @@ key_t s_random_key() {
 // shmat reports failure by the address -1.
 void* s_map(int id) {
   void* address = shmat(id, nullptr, 0);
-  return address == reinterpret_cast<void*>(-1) ? nullptr : address;
+  return reinterpret_cast<std::intptr_t>(address) == -1 ? nullptr : address;
 }
 
 // Brings the pages in by one call: taken one by one on first touch they cost three times as much.

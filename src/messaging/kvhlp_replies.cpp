@@ -27,11 +27,11 @@ int kv_reply_set_OK(char** json_txt) {
 }
 
 int kv_reply_set_return_code(char** json_txt, std::int32_t code) {
-  return s_set_text(json_txt, "{\"ReturnCode\": %d}", code);
+  return s_set_text(json_txt, R"({"ReturnCode": %d})", code);
 }
 
 int kv_reply_set_ERROR(char** json_txt, std::int32_t code, const char* error) {
-  return s_set_text(json_txt, "{\"ReturnCode\": %d, \"Error\": \"%s\"}", code, error);
+  return s_set_text(json_txt, R"({"ReturnCode": %d, "Error": "%s"})", code, error);
 }
 
 bool kv_reply_get_return_code(json_object* reply, std::int32_t& code) {
