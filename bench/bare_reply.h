@@ -1,6 +1,6 @@
 #pragma once
-// The reply to a clean scan, built and printed with json-c and nothing else: what a worker's own way
-// to the same text is measured against.
+// The reply to a clean scan, built and printed with json-c and nothing else: what a worker's own
+// way to the same text is measured against.
 
 #include "common/kv_json.h"
 

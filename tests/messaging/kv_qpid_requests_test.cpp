@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <latch>
 #include <thread>
-#include <vector>
 #include <utility>
+#include <vector>
 
 namespace {
 
