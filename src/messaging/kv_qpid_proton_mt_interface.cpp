@@ -12,6 +12,7 @@
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
+#include "messaging/kv_qpid_requests.h"
 #include "messaging/kv_qpid_transport.h"
 
 namespace {
@@ -142,7 +143,10 @@ void s_send_receive(kv_qpid_transport& transport, const s_request& request, kv_m
                proton::to_string(id).c_str(), transport.reply_queue.c_str());
 
   const auto spent = std::chrono::duration_cast<kv_ms>(kv_clock::now() - start);
-  kv_received_message received = receiver.receive(patience - spent, id);
+  kv_received_message received = [&] {
+    const kv_request_pause pause;
+    return receiver.receive(patience - spent, id);
+  }();
   KV_LOG_DEBUG("Processing reply with correlation_id '%s'", proton::to_string(id).c_str());
   s_take_reply(std::move(received), reply);
 }

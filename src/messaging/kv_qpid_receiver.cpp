@@ -1,6 +1,7 @@
 #define KV_LOG_UNIT "kv_qpid_proton_mt_interface"
 #include "messaging/kv_qpid_receiver.h"
 
+#include <proton/delivery.h>
 #include <proton/link.h>
 #include <proton/connection.hpp>
 #include <proton/error_condition.hpp>
@@ -39,6 +40,13 @@ void s_settle(proton::delivery& delivery, kv_outcome outcome) {
   }
 }
 
+// Whether another whole message has been read and is about to come.
+bool s_is_next_complete(const proton::receiver& receiver) {
+  pn_delivery_t* const next = pn_link_current(kv_receiver_link(receiver));
+  return next != nullptr && pn_delivery_pending(next) > 0 && !pn_delivery_partial(next) &&
+         !pn_delivery_aborted(next);
+}
+
 template <class Body>
 struct s_scope_exit {
   explicit s_scope_exit(Body leave) : body(std::move(leave)) {}
@@ -67,8 +75,9 @@ void qpid_receiver::owe_credit(std::uint32_t count) {
   }
 }
 
-std::optional<kv_received_message> qpid_receiver::receive(const std::atomic<std::int32_t>& stop) {
-  while (auto request = requests_.take(stop)) {
+std::optional<kv_received_message> qpid_receiver::receive(kv_request_thread& self,
+                                                          const std::atomic<std::int32_t>& stop) {
+  while (auto request = requests_.take(self, stop)) {
     owe_credit(1);
     if (request->expiry >= kv_clock::now()) {
       return request;
@@ -298,7 +307,7 @@ void qpid_receiver::keep_request(proton::delivery& delivery, kv_received_message
   KV_LOG_DEBUG("Received request with id: '%s'", proton::to_string(message.id).c_str());
   message.sequence = ++next_sequence_;
   open_.emplace(message.sequence, delivery);
-  requests_.push(std::move(message));
+  requests_.push(std::move(message), s_is_next_complete(receiver_));
 }
 
 void qpid_receiver::on_connection_open(proton::connection& connection) {

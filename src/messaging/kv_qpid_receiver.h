@@ -35,8 +35,11 @@ class qpid_receiver : public proton::messaging_handler {
   [[nodiscard]] const std::string& address() const { return address_; }
   [[nodiscard]] bool takes_replies() const { return takes_replies_; }
   [[nodiscard]] std::uint32_t credit() const { return credit_seen_.load(); }
+  // What threads that serve requests register with.
+  [[nodiscard]] kv_request_queue& requests() { return requests_; }
   // The next request, or nothing once *stop is non-zero or the receiver is closed.
-  [[nodiscard]] std::optional<kv_received_message> receive(const std::atomic<std::int32_t>& stop);
+  [[nodiscard]] std::optional<kv_received_message> receive(kv_request_thread& self,
+                                                           const std::atomic<std::int32_t>& stop);
   // Announces, before it is sent, a request whose reply will be received; forget ends that. Of
   // replies that nobody has announced only a few are kept.
   void expect(const proton::message_id& id);

@@ -132,9 +132,10 @@ void kv_qpid_handler_thread_mt(kv_qpid_transport& transport, const std::string& 
                                const std::atomic<std::int32_t>& stop) {
   KV_LOG_DEBUG("Starting handler thread for service '%s'", service.c_str());
   qpid_receiver& receiver = kv_qpid_get_receiver(transport, service);
+  kv_request_thread self(receiver.requests());
   while (stop.load(std::memory_order_relaxed) == 0) {
     KV_LOG_DEBUG("Waiting for request on '%s'", service.c_str());
-    const auto request = receiver.receive(stop);
+    const auto request = receiver.receive(self, stop);
     if (!request) {
       break;
     }
