@@ -1,4 +1,5 @@
 """What the end-to-end measurements share: programs for the length of a with block, a broker, a worker."""
+import glob
 import json
 import os
 import signal
@@ -100,6 +101,8 @@ class Lab:
 
     def __exit__(self, *_):
         self.broker.__exit__()
+        for lock in glob.glob("/dev/shm/*kv_log_" + self.scratch.replace("/", "_") + "*"):
+            os.unlink(lock)  # of the workers' trace files
 
     def echo(self, mode, queue):
         return ready(Program([self.program("kv_bench_echo"), self.port, queue, mode, *self.trust]))

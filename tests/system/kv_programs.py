@@ -167,9 +167,10 @@ class Worker:
         self.forget()
 
     def forget(self):
-        semaphore = "/dev/shm/sem.kv_log_" + re.sub("/", "_", self.trace)
-        if os.path.exists(semaphore):
-            os.unlink(semaphore)
+        for kind in ("sem", "own"):
+            lock = "/dev/shm/%s.kv_log_%s" % (kind, re.sub("/", "_", self.trace))
+            if os.path.exists(lock):
+                os.unlink(lock)
 
 
 def connect(suite, password=None):
