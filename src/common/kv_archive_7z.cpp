@@ -3,8 +3,9 @@
 // gives the first member, by counts that nothing in the file has to bear out: 63 bytes can claim a
 // hundred million of them.
 
+#include <zlib.h>
+
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstring>
 #include <optional>
@@ -65,24 +66,9 @@ void s_append_little(std::string& out, std::uint64_t value, int width) {
   }
 }
 
-// CRC-32 of ISO 3309, as zlib has it.
 std::uint32_t s_crc32(std::string_view text) {
-  static constexpr auto kTable = [] {
-    std::array<std::uint32_t, 256> table{};
-    for (std::uint32_t i = 0; i < table.size(); ++i) {
-      std::uint32_t value = i;
-      for (int bit = 0; bit < 8; ++bit) {
-        value = (value & 1) != 0 ? value >> 1 ^ 0xEDB88320U : value >> 1;
-      }
-      table[i] = value;
-    }
-    return table;
-  }();
-  std::uint32_t crc = ~0U;
-  for (const char c : text) {
-    crc = kTable[(crc ^ static_cast<std::uint8_t>(c)) & 0xFF] ^ crc >> 8;
-  }
-  return ~crc;
+  return static_cast<std::uint32_t>(
+      crc32_z(0, reinterpret_cast<const Bytef*>(text.data()), text.size()));
 }
 
 std::string_view s_text(bytes value) {

@@ -1,6 +1,8 @@
 #pragma once
 // Archives made by hand whose headers claim what nothing in them bears out.
 
+#include <zlib.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -20,14 +22,8 @@ inline std::string big_endian(std::uint64_t value, int width) {
 }
 
 inline std::uint32_t crc32_of(std::string_view text) {
-  std::uint32_t crc = ~0U;
-  for (const char c : text) {
-    crc ^= static_cast<std::uint8_t>(c);
-    for (int bit = 0; bit < 8; ++bit) {
-      crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320U : 0);
-    }
-  }
-  return ~crc;
+  return static_cast<std::uint32_t>(
+      crc32_z(0, reinterpret_cast<const Bytef*>(text.data()), text.size()));
 }
 
 inline std::string repeated(std::string_view text, std::size_t count) {
