@@ -213,8 +213,11 @@ bool kv_archive_walk::next() {
     in_member_ = true;
     member_was_read_ = false;
     count_links();
-    const char* path = archive_entry_pathname(entry_);
-    name_ = path != nullptr ? path : raw_zip_name();
+    if (const char* path = archive_entry_pathname(entry_); path != nullptr) {
+      name_ = path;
+    } else {
+      name_ = raw_zip_name();
+    }
     return cut() == kv_archive_cut::none;
   }
   return false;
