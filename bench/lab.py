@@ -5,8 +5,12 @@ import os
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
+
+# Ended from outside a measurement still ends its programs.
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SERVICE = "kv-av-activecontent"
