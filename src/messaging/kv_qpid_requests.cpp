@@ -14,6 +14,9 @@ constexpr kv_ms kPatience{1};
 // One long request must not hold up the others for kPatience each time.
 constexpr unsigned kLeastCores = 2;
 
+// So many requests wait for no end of a burst.
+constexpr std::size_t kManyWaiting = 4;
+
 thread_local kv_request_thread* current_thread = nullptr;
 
 }  // namespace
@@ -63,7 +66,7 @@ void kv_request_queue::push(kv_received_message&& request, bool more_follow) {
   kv_request_call call;
   const std::lock_guard lock(mutex_);
   requests_.push_back(std::move(request));
-  if (!in_burst_ || !more_follow) {
+  if (!in_burst_ || !more_follow || requests_.size() >= kManyWaiting) {
     call_for_waiting(call);
   }
   in_burst_ = more_follow;

@@ -78,7 +78,8 @@ class kv_request_queue {
 
   // Any thread.
   // Of requests that come together all but the last say that more follow at once: a thread is woken
-  // for the first and for the last. One that was woken for each would go idle before the next came.
+  // for the first, for the last, and when several wait. One that was woken for each would go idle
+  // before the next came.
   void push(kv_received_message&& request, bool more_follow);
   // Waits for a request. Nothing once *stop is non-zero (seen within a second) or after close. A
   // request counts as served when its thread comes for the next.
