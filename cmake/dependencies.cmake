@@ -17,3 +17,7 @@ target_link_libraries(kv_proton INTERFACE ${PROTON_CPP_LIBRARY} -l:libqpid-proto
 
 # libmagic has a pkg-config file only in later releases.
 find_library(MAGIC_LIBRARY magic REQUIRED)
+
+if(KV_MIMALLOC AND NOT KV_SANITIZE)
+  find_package(mimalloc 2.0 REQUIRED)
+endif()
