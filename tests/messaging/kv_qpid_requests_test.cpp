@@ -45,6 +45,19 @@ class RequestQueue : public testing::Test {
     std::ranges::for_each(threads, &std::thread::join);
   }
 
+  // Comes back only when as many threads are at work at once.
+  void bring_to_work(int count, kv_request_queue& queue) {
+    std::latch all_at_work{count};
+    auto threads =
+        start_threads(count, queue, [&](std::uint64_t) { all_at_work.arrive_and_wait(); });
+    for (int i = 0; i < count; ++i) {
+      queue.push(request(static_cast<std::uint64_t>(i)), false);
+    }
+    all_at_work.wait();
+    queue.close();
+    join(threads);
+  }
+
   std::atomic<std::int32_t> stop{0};
 };
 
@@ -124,17 +137,8 @@ TEST_F(RequestQueue, AnIdleThreadSeesItsStopFlagUnwoken) {
 }
 
 TEST_F(RequestQueue, AThreadIsWokenForEachCore) {
-  constexpr unsigned kThreads = 8;
-  kv_request_queue queue(kThreads, kNever);
-  std::latch all_at_work{kThreads};
-  auto threads =
-      start_threads(kThreads, queue, [&](std::uint64_t) { all_at_work.arrive_and_wait(); });
-  for (std::uint64_t i = 0; i < kThreads; ++i) {
-    queue.push(request(i), false);
-  }
-  all_at_work.wait();
-  queue.close();
-  join(threads);
+  kv_request_queue queue(8, kNever);
+  bring_to_work(8, queue);
 }
 
 TEST_F(RequestQueue, NoMoreThreadsWorkThanThereAreCores) {
@@ -166,17 +170,8 @@ TEST_F(RequestQueue, NoMoreThreadsWorkThanThereAreCores) {
 }
 
 TEST_F(RequestQueue, AFurtherThreadJoinsWhenNothingIsTaken) {
-  constexpr int kThreads = 16;
   kv_request_queue queue(1, kSoon);
-  std::latch all_at_work{kThreads};
-  auto threads =
-      start_threads(kThreads, queue, [&](std::uint64_t) { all_at_work.arrive_and_wait(); });
-  for (std::uint64_t i = 0; i < kThreads; ++i) {
-    queue.push(request(i), false);
-  }
-  all_at_work.wait();
-  queue.close();
-  join(threads);
+  bring_to_work(16, queue);
 }
 
 TEST_F(RequestQueue, AWaitInsideARequestFreesItsCore) {
