@@ -9,7 +9,7 @@
 namespace {
 
 // Longest text whose tokener is used again; a tokener keeps the room of the longest string it saw.
-constexpr std::size_t kLongestOfKeptTokener = 64 * 1024;
+constexpr std::size_t kLongestOfKeptTokener = 65'536;
 
 // Each thread keeps a tokener: a new one for each text costs a twentieth of a short request. Null
 // when there is no memory for it.
