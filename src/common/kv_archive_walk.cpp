@@ -245,7 +245,7 @@ std::string kv_archive_walk::zip_names_between(std::size_t first, std::size_t da
 // data begins where the library stands now, so its local header ends there; it mostly begins where
 // the library stood before.
 std::string kv_archive_walk::raw_zip_name() {
-  constexpr std::size_t kLongest = local_header::kFixed + 2 * 0xFFFF;
+  constexpr std::size_t kLongest = local_header::kFixed + std::size_t{2} * 0xFFFF;
   const int format = archive_format(handle_.get()) & ARCHIVE_FORMAT_BASE_MASK;
   const auto data = static_cast<std::size_t>(archive_filter_bytes(handle_.get(), 0));
   const auto before = static_cast<std::size_t>(archive_read_header_position(handle_.get()));

@@ -213,7 +213,7 @@ void* list_extract_at(list_t* list, std::size_t position) {
   if (state == nullptr || position >= state->elements.size()) {
     return nullptr;
   }
-  const position_iterator at = s_at(*state, position);
+  const auto at = s_at(*state, position);
   void* const element = *at;
   state->elements.erase(at);
   return element;
@@ -221,7 +221,7 @@ void* list_extract_at(list_t* list, std::size_t position) {
 
 int list_delete(list_t* list, const void* element) {
   list_state* const state = s_changeable(list);
-  const position_iterator at = state == nullptr ? position_iterator{} : s_find(*state, element);
+  const auto at = state == nullptr ? position_iterator{} : s_find(*state, element);
   if (state == nullptr || at == state->elements.end()) {
     return -1;
   }
@@ -256,7 +256,7 @@ ssize_t list_locate(const list_t* list, const void* element) {
   if (state == nullptr) {
     return -1;
   }
-  const position_iterator at = s_find(*state, element);
+  const auto at = s_find(*state, element);
   return at == state->elements.end() ? -1 : std::distance(state->elements.begin(), at);
 }
 

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <iterator>
 #include <limits>
-#include <ranges>
 
 #include "logging/log-helper.h"
 #include "messaging/kv_qpid_barrier.h"
@@ -289,9 +289,12 @@ void qpid_sender::blame_in_flight(const proton::error_condition& condition) {
 // What has no outcome goes out again, in the same order.
 void qpid_sender::take_back() {
   const int count = static_cast<int>(by_tag_.size());
-  for (auto& [tag, message] : by_tag_ | std::views::reverse) {
-    pending_.push_front(std::move(message));
+  std::vector<kv_outgoing> again;
+  for (auto& [tag, message] : by_tag_) {
+    again.push_back(std::move(message));
   }
+  pending_.insert(pending_.begin(), std::make_move_iterator(again.begin()),
+                  std::make_move_iterator(again.end()));
   by_tag_.clear();
   front_sent_ = 0;
   lonely_tag_ = 0;

@@ -93,11 +93,13 @@ int kv_worker_add_file_scan_result(kv_scan_result_t* result, const kv_file_scan_
     KV_LOG_ERROR("got NULL pointer");
     return -1;
   }
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what was made of a copy is freed
   kv_file_scan_result_ptr copy = s_deep_copy(*file);
   if (!copy) {
     return -1;
   }
   const auto count = static_cast<std::size_t>(result->file_count);
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): the array is one of pointers
   void* const grown = std::realloc(result->files, (count + 1) * sizeof(*result->files));
   if (grown == nullptr) {
     KV_LOG_ERROR("Failed to reallocate filescan results: %s", KVstrerror(errno));
