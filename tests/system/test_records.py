@@ -156,6 +156,7 @@ def test_another_worker_takes_over_when_one_is_killed(suite, tmp_path, capsys):
             assert first in workers, "one of them holds the queue"
             ids = push(base, "round%d" % round_number, 4)
             assert eventually(lambda: set(ids) <= set(delivered(suite)))
+            assert eventually(lambda: not entries(base))  # a kill before that delivers one again
             workers.pop(first).kill()
             killed = time.monotonic()
             assert eventually(lambda: holder(base) in workers, 5, 0.005)
