@@ -28,6 +28,7 @@ kv_request_thread::kv_request_thread(kv_request_queue& queue) : queue_(queue) {
 
 kv_request_thread::~kv_request_thread() {
   current_thread = nullptr;
+  queue_.pause(*this);  // it may leave in the middle of a request
   while (callers_.load(std::memory_order_acquire) != 0) {
     std::this_thread::yield();
   }

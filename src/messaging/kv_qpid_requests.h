@@ -92,6 +92,7 @@ class kv_request_queue {
 
  private:
   friend class kv_request_pause;
+  friend class kv_request_thread;
   using lock_type = std::unique_lock<std::mutex>;
 
   void set_busy(kv_request_thread& thread, bool is_busy);

@@ -192,6 +192,15 @@ TEST_F(RequestQueue, AWaitInsideARequestFreesItsCore) {
   EXPECT_TRUE(queue.take_all().empty());
 }
 
+// A thread that is told to stop does not come for another request.
+TEST_F(RequestQueue, AThreadThatLeavesFreesItsCore) {
+  kv_request_queue queue(1, kNever);
+  queue.push(request(1), false);
+  queue.push(request(2), false);
+  EXPECT_EQ(take_one(queue), 1U);
+  EXPECT_EQ(take_one(queue), 2U);
+}
+
 TEST_F(RequestQueue, APauseOutsideARequestDoesNothing) {
   kv_request_queue queue;
   { const kv_request_pause pause; }
